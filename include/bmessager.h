@@ -1,0 +1,162 @@
+// bMSG::Messager: a client of the local Redis server that the device's
+// processes use as a message bus (settings, list queues, publish/subscribe).
+//
+// One Messager holds one hiredis connection and must be used by one thread
+// at a time. Every operation connects first when the object holds no
+// connection and returns -1 when that fails; a command that fails on a held
+// connection is not retried and the connection is kept (so later commands
+// fail the same way).
+//
+// Result codes: 0 or a count on success; -1 no connection could be made;
+// -2 no reply to a push or publish (or the key/channel plus format did not
+// fit the 1024-byte command template, in which case nothing is sent);
+// -3 no reply to a pop, LLEN, DEL or SUBSCRIBE; -5 a value does not fit the
+// caller's buffer; -6 a reply element is not a string; -7 no reply to SET;
+// -8 no reply to GET.
+//
+// Failures that are reported write "bMSG ERROR <function>[<line>]:" to
+// stderr, then the message and a line break to stdout.
+#ifndef BMSG_BMESSAGER_H
+#define BMSG_BMESSAGER_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#ifndef BMSG_API
+#define BMSG_API __attribute__((visibility("default")))
+#endif
+
+struct redisContext;
+
+namespace bMSG {
+
+class SharedMemory;
+
+// (channel given to subscribe, payload (NUL-terminated, valid only during the
+// call), payload length, user pointer (always null)).
+using MessageCallback = std::function<void(const char*, const char*, size_t, void*)>;
+
+class BMSG_API Messager {
+public:
+    // Connects at once with connect(). `address` null or empty means
+    // "127.0.0.1"; an address starting with '/' is a Unix socket path and
+    // `port` is then ignored. `attempts` <= 0 retries (in effect) for ever,
+    // so the constructor blocks until a server answers. Returns normally
+    // whether or not a connection was made.
+    Messager(const char* address, uint16_t port, int attempts);
+
+    // Frees the connection and the owned segments (unlinking those this
+    // process created). Sends nothing to Redis.
+    ~Messager();
+
+    Messager(const Messager&) = delete;
+    Messager& operator=(const Messager&) = delete;
+
+    // Tries up to `attempts` times to connect, reporting each failure and
+    // sleeping one second after it (blocking). Success shows as a non-null
+    // context(). Does nothing to a connection that is already held.
+    void connect();
+
+    // SET key value. Stores the text, "%d", "%f" (2.5 -> "2.500000") or
+    // "%llu" form of the value. 0 when a reply arrived (server errors
+    // included), -1 no connection, -7 no reply.
+    int set(const char* key, const char* value);
+    int set(const char* key, int value);
+    int set(const char* key, float value);
+    int set(const char* key, unsigned long value);
+
+    // GET key. The buffer form copies a string value only when its length is
+    // less than `size`, with no terminating NUL; otherwise the buffer is left
+    // untouched. The float form parses a string value with strtod. The int
+    // and unsigned long forms assign only from an integer reply, which GET
+    // never gives on a standard server. 0 when a reply arrived (missing key
+    // and over-long value included), -1 no connection, -8 no reply.
+    int get(const char* key, char* buffer, int size);
+    int get(const char* key, int* value);
+    int get(const char* key, float* value);
+    int get(const char* key, unsigned long* value);
+
+    // LPUSH key <format...>: hiredis formats the caller's arguments, so "%s"
+    // pushes one whole string and "%b" (pointer, length) raw bytes; literal
+    // text in the format is split at blanks into separate elements. A '%' in
+    // the key is taken literally. 0 on reply, -1, or -2 (no reply, or
+    // key + format did not fit the 1024-byte template and nothing was sent).
+    int list_send(const char* key, const char* format, va_list args);
+    int list_send(const char* key, const char* format, ...);
+
+    // Pops from the tail: BRPOP with `timeout` seconds when timeout > 0
+    // (blocks up to that long), else RPOP (never blocks). Copies the value
+    // without a NUL and returns its length (0 also for an empty queue).
+    // With key_out non-null and key_size > 0 the key is written there,
+    // NUL-terminated. -5 when the value (then not copied) or the key (then
+    // cut) does not fit, -6 when a reply element is not a string, -1, -3.
+    // After -5 or -6 the element is gone from the list.
+    int list_recv(const char* key, char* buffer, int size, int timeout,
+                  char* key_out, int key_size);
+
+    // LLEN key: the length, -1, or -3 (no reply).
+    int list_size(const char* key);
+
+    // DEL key: 1 when the list existed, 0 when not, -1, or -3 (no reply).
+    int list_clear(const char* key);
+
+    // list_send on "DEVICE_CMD", "BIO_CMD", "MAIN_BIOMETRIC_INFO" and
+    // "BIOMETRIC_RESP"; same results.
+    int device_cmd_send(const char* format, ...);
+    int bio_cmd_send(const char* format, ...);
+    int bio_info_send(const char* format, ...);
+    int bio_resp_send(const char* format, ...);
+
+    // PUBLISH channel <format...>, formatted as for list_send. Returns the
+    // number of subscribers reached, -1, or -2. The va_list form is silent;
+    // the variadic form reports a missing reply ("reply is NULL") and a
+    // negative reply integer (returned as it is).
+    int publish(const char* channel, const char* format, va_list args);
+    int publish(const char* channel, const char* format, ...);
+
+    // publish (va_list form, silent) on "SYSTEM_STATUS".
+    int system_publish(const char* format, ...);
+
+    // SUBSCRIBE channel, then blocks for ever handing each message to
+    // `callback` on the calling thread. Returns 0 when the connection fails
+    // (the only way out), -1 with no connection, -3 when SUBSCRIBE got no
+    // reply. An empty callback throws std::bad_function_call on the first
+    // message. The connection serves only the subscription afterwards.
+    int subscribe(const char* channel, MessageCallback callback);
+
+    // The live connection (null while not connected), the server address
+    // and port; for bindings that talk to the same server.
+    redisContext* redis_context() const { return context; }
+    const std::string& server_address() const { return address; }
+    uint16_t server_port() const { return port; }
+
+private:
+    redisContext* context;
+    int attempts;
+    std::string address;
+    uint16_t port;
+
+    bool ensure_connected();
+
+public:
+    // Named channels: Redis keys and channels the processes address each
+    // other by. Static literals, never changed.
+    const char* const device_cmd;     // "DEVICE_CMD"
+    const char* const bio_sample;     // "BIOMETRIC_SAMPLE_" (key prefix)
+    const char* const device_status;  // "DEVICE_STATUS"
+    const char* const system_status;  // "SYSTEM_STATUS"
+    const char* const bio_info;       // "MAIN_BIOMETRIC_INFO"
+    const char* const bio_cmd;        // "BIO_CMD"
+    const char* const bio_resp;       // "BIOMETRIC_RESP"
+
+    // Segments opened by the sample operations, by modality; owned.
+    std::map<std::string, SharedMemory*> segments;
+};
+
+} // namespace bMSG
+
+#endif

@@ -1,0 +1,380 @@
+#include "bmessager.h"
+
+#include "bmsg_internal.h"
+#include "bshmem.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace bMSG {
+
+void sleep_ms(int milliseconds)
+{
+    if (milliseconds <= 0)
+        return;
+    timespec ts{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) == -1 && errno == EINTR) {
+    }
+}
+
+void report(const char* func, int line, const char* format, ...)
+{
+    fprintf(stderr, "bMSG ERROR %s[%d]:", func, line);
+    va_list ap;
+    va_start(ap, format);
+    vprintf(format, ap);
+    va_end(ap);
+    putchar('\n');
+    fflush(stderr);
+}
+
+bool build_template(char (&out)[template_size], const char* verb, const char* name,
+                    const char* format)
+{
+    if (!name || !format)
+        return false;
+    size_t n = 0;
+    auto put = [&](char c) {
+        if (n + 1 >= template_size)
+            return false;
+        out[n++] = c;
+        return true;
+    };
+    for (const char* p = verb; *p; ++p)
+        if (!put(*p))
+            return false;
+    if (!put(' '))
+        return false;
+    for (const char* p = name; *p; ++p)
+        if (!put(*p) || (*p == '%' && !put('%')))
+            return false;
+    if (!put(' '))
+        return false;
+    for (const char* p = format; *p; ++p)
+        if (!put(*p))
+            return false;
+    out[n] = '\0';
+    return true;
+}
+
+namespace {
+
+// A value of `len` bytes fits a caller buffer of `size` bytes when it is
+// strictly shorter; a negative size admits any length.
+bool fits(size_t len, int size)
+{
+    return static_cast<uint64_t>(len) < static_cast<uint64_t>(static_cast<int64_t>(size));
+}
+
+// Writes key into key_out when asked to; -5 when it had to be cut.
+int write_key(char* key_out, int key_size, const char* key, int result)
+{
+    if (!key_out || key_size <= 0)
+        return result;
+    int n = snprintf(key_out, static_cast<size_t>(key_size), "%s", key);
+    return n >= key_size ? -5 : result;
+}
+
+bool is_message(const redisReply* r)
+{
+    return r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
+           r->element[0]->type == REDIS_REPLY_STRING && strcmp(r->element[0]->str, "message") == 0 &&
+           r->element[2]->type == REDIS_REPLY_STRING;
+}
+
+} // namespace
+
+Messager::Messager(const char* address_, uint16_t port_, int attempts_)
+    : context(nullptr),
+      attempts(attempts_),
+      address(address_ && *address_ ? address_ : "127.0.0.1"),
+      port(port_),
+      device_cmd("DEVICE_CMD"),
+      bio_sample("BIOMETRIC_SAMPLE_"),
+      device_status("DEVICE_STATUS"),
+      system_status("SYSTEM_STATUS"),
+      bio_info("MAIN_BIOMETRIC_INFO"),
+      bio_cmd("BIO_CMD"),
+      bio_resp("BIOMETRIC_RESP")
+{
+    connect();
+}
+
+Messager::~Messager()
+{
+    if (context) {
+        redisFree(context);
+        context = nullptr;
+    }
+    for (auto& entry : segments)
+        delete entry.second;
+}
+
+void Messager::connect()
+{
+    if (context)
+        return;
+    const int tries = attempts > 0 ? attempts : 2000000000;
+    for (int i = 0; i < tries; ++i) {
+        redisContext* c = address[0] == '/' ? redisConnectUnix(address.c_str())
+                                            : redisConnect(address.c_str(), port);
+        if (!c) {
+            BMSG_REPORT("connect", "Can't allocate redis context\n");
+        } else if (c->err) {
+            BMSG_REPORT("connect", "%s: address[%s] port[%d]", c->errstr, address.c_str(), port);
+            redisFree(c);
+        } else {
+            context = c;
+            return;
+        }
+        sleep_ms(1000);
+    }
+}
+
+bool Messager::ensure_connected()
+{
+    if (!context)
+        connect();
+    return context != nullptr;
+}
+
+int Messager::set(const char* key, const char* value)
+{
+    if (!ensure_connected())
+        return -1;
+    return take_reply(redisCommand(context, "SET %s %s", key, value)) ? 0 : -7;
+}
+
+int Messager::set(const char* key, int value)
+{
+    if (!ensure_connected())
+        return -1;
+    return take_reply(redisCommand(context, "SET %s %d", key, value)) ? 0 : -7;
+}
+
+int Messager::set(const char* key, float value)
+{
+    if (!ensure_connected())
+        return -1;
+    return take_reply(redisCommand(context, "SET %s %f", key, static_cast<double>(value))) ? 0 : -7;
+}
+
+int Messager::set(const char* key, unsigned long value)
+{
+    if (!ensure_connected())
+        return -1;
+    return take_reply(redisCommand(context, "SET %s %llu", key,
+                                   static_cast<unsigned long long>(value)))
+               ? 0
+               : -7;
+}
+
+int Messager::get(const char* key, char* buffer, int size)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    if (!r)
+        return -8;
+    // The length is compared as a signed 32-bit number, as callers expect.
+    if (r->type == REDIS_REPLY_STRING && r->len > 0 && r->len <= INT32_MAX &&
+        static_cast<int>(r->len) < size)
+        memcpy(buffer, r->str, r->len);
+    return 0;
+}
+
+int Messager::get(const char* key, int* value)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    if (!r)
+        return -8;
+    if (r->type == REDIS_REPLY_INTEGER)
+        *value = static_cast<int>(static_cast<uint32_t>(r->integer));
+    return 0;
+}
+
+int Messager::get(const char* key, float* value)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    if (!r)
+        return -8;
+    if (r->type == REDIS_REPLY_STRING)
+        *value = static_cast<float>(strtod(r->str, nullptr));
+    return 0;
+}
+
+int Messager::get(const char* key, unsigned long* value)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    if (!r)
+        return -8;
+    if (r->type == REDIS_REPLY_INTEGER)
+        *value = static_cast<unsigned long>(r->integer);
+    return 0;
+}
+
+int Messager::list_send(const char* key, const char* format, va_list args)
+{
+    if (!ensure_connected())
+        return -1;
+    char cmd[template_size];
+    if (!build_template(cmd, "LPUSH", key, format))
+        return -2;
+    return take_reply(redisvCommand(context, cmd, args)) ? 0 : -2;
+}
+
+int Messager::list_send(const char* key, const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int rc = list_send(key, format, ap);
+    va_end(ap);
+    return rc;
+}
+
+int Messager::list_recv(const char* key, char* buffer, int size, int timeout, char* key_out,
+                        int key_size)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(timeout > 0 ? redisCommand(context, "BRPOP %s %d", key, timeout)
+                                     : redisCommand(context, "RPOP %s", key));
+    if (!r)
+        return -3;
+
+    if (r->type == REDIS_REPLY_STRING) {
+        if (!fits(r->len, size))
+            return -5;
+        if (r->len)
+            memcpy(buffer, r->str, r->len);
+        return write_key(key_out, key_size, key, static_cast<int>(r->len));
+    }
+    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2)
+        return 0;
+
+    const redisReply* value = r->element[1];
+    if (value->type != REDIS_REPLY_STRING)
+        return -6;
+    if (!fits(value->len, size))
+        return -5;
+    if (value->len)
+        memcpy(buffer, value->str, value->len);
+    const int result = static_cast<int>(value->len);
+    if (!key_out || key_size <= 0)
+        return result;
+    const redisReply* from = r->element[0];
+    if (from->type != REDIS_REPLY_STRING)
+        return -6;
+    return write_key(key_out, key_size, from->str, result);
+}
+
+int Messager::list_size(const char* key)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(redisCommand(context, "LLEN %s", key));
+    return r ? static_cast<int>(r->integer) : -3;
+}
+
+int Messager::list_clear(const char* key)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = take_reply(redisCommand(context, "DEL %s", key));
+    return r ? static_cast<int>(r->integer) : -3;
+}
+
+#define BMSG_FORWARD_VA(call)        \
+    va_list ap;                      \
+    va_start(ap, format);            \
+    int rc = call;                   \
+    va_end(ap);                      \
+    return rc
+
+int Messager::device_cmd_send(const char* format, ...)
+{
+    BMSG_FORWARD_VA(list_send(device_cmd, format, ap));
+}
+
+int Messager::bio_cmd_send(const char* format, ...)
+{
+    BMSG_FORWARD_VA(list_send(bio_cmd, format, ap));
+}
+
+int Messager::bio_info_send(const char* format, ...)
+{
+    BMSG_FORWARD_VA(list_send(bio_info, format, ap));
+}
+
+int Messager::bio_resp_send(const char* format, ...)
+{
+    BMSG_FORWARD_VA(list_send(bio_resp, format, ap));
+}
+
+int Messager::system_publish(const char* format, ...)
+{
+    BMSG_FORWARD_VA(publish(system_status, format, ap));
+}
+
+#undef BMSG_FORWARD_VA
+
+int Messager::publish(const char* channel, const char* format, va_list args)
+{
+    if (!ensure_connected())
+        return -1;
+    char cmd[template_size];
+    if (!build_template(cmd, "PUBLISH", channel, format))
+        return -2;
+    Reply r = take_reply(redisvCommand(context, cmd, args));
+    return r ? static_cast<int>(r->integer) : -2;
+}
+
+int Messager::publish(const char* channel, const char* format, ...)
+{
+    if (!ensure_connected())
+        return -1;
+    char cmd[template_size];
+    if (!build_template(cmd, "PUBLISH", channel, format))
+        return -2;
+    va_list ap;
+    va_start(ap, format);
+    Reply r = take_reply(redisvCommand(context, cmd, ap));
+    va_end(ap);
+    if (!r) {
+        BMSG_REPORT("publish", "publish error: %s", "reply is NULL");
+        return -2;
+    }
+    const int receivers = static_cast<int>(r->integer);
+    if (receivers < 0)
+        BMSG_REPORT("publish", "publish error: %s", r->str ? r->str : "");
+    return receivers;
+}
+
+int Messager::subscribe(const char* channel, MessageCallback callback)
+{
+    if (!ensure_connected())
+        return -1;
+    if (!take_reply(redisCommand(context, "SUBSCRIBE %s", channel)))
+        return -3;
+    for (;;) {
+        void* raw = nullptr;
+        if (redisGetReply(context, &raw) != REDIS_OK)
+            return 0;
+        Reply r = take_reply(raw);
+        if (r && is_message(r.get())) {
+            const redisReply* payload = r->element[2];
+            callback(channel, payload->str, payload->len, nullptr);
+        }
+    }
+}
+
+} // namespace bMSG

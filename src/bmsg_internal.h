@@ -1,0 +1,47 @@
+// Helpers shared by the library's source files; not installed, not exported.
+#ifndef BMSG_INTERNAL_H
+#define BMSG_INTERNAL_H
+
+#include <hiredis/hiredis.h>
+
+#include <cstddef>
+#include <memory>
+
+namespace bMSG {
+
+// Sleeps `milliseconds`, resuming after signals so the total is kept.
+void sleep_ms(int milliseconds);
+
+// The library's one diagnostic form: "bMSG ERROR <func>[<line>]:" on stderr,
+// then the message and a line break on stdout, then stderr is flushed.
+// The two streams are kept apart on purpose; stdout is not flushed.
+void report(const char* func, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#define BMSG_REPORT(func, ...) ::bMSG::report(func, __LINE__, __VA_ARGS__)
+
+struct ReplyFree {
+    void operator()(redisReply* r) const { freeReplyObject(r); }
+};
+// Owns one hiredis reply; freed on every return path.
+using Reply = std::unique_ptr<redisReply, ReplyFree>;
+
+inline Reply take_reply(void* r) { return Reply(static_cast<redisReply*>(r)); }
+
+struct ContextFree {
+    void operator()(redisContext* c) const { redisFree(c); }
+};
+using Context = std::unique_ptr<redisContext, ContextFree>;
+
+// Size of the command template buffer of the push and publish operations.
+constexpr size_t template_size = 1024;
+
+// Writes "<verb> <name> <format>" into out for hiredis's formatter, with
+// every '%' of name doubled so that caller text in a key or channel is never
+// read as a conversion. Returns false when the result does not fit.
+bool build_template(char (&out)[template_size], const char* verb, const char* name,
+                    const char* format);
+
+} // namespace bMSG
+
+#endif

@@ -1,0 +1,164 @@
+#include "bshmem.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace bMSG {
+
+static_assert(sizeof(pthread_mutex_t) <= SharedMemory::header_size,
+              "the segment mutex must fit the 48-byte header");
+
+namespace {
+
+// Total mapped length; saturates instead of wrapping so that an absurd
+// capacity fails in ftruncate/mmap rather than mapping a tiny segment.
+uint64_t total_size(size_t capacity)
+{
+    return capacity > SIZE_MAX - SharedMemory::header_size ? SIZE_MAX
+                                                           : capacity + SharedMemory::header_size;
+}
+
+// Payload bounds check without overflow: offset + len <= capacity.
+bool in_range(uint64_t size, size_t len, size_t offset)
+{
+    const uint64_t capacity = size - SharedMemory::header_size;
+    return len <= capacity && offset <= capacity - len;
+}
+
+// Holds the segment mutex for one copy. The mutex is robust: when a peer
+// died holding it, the lock is taken over and made consistent, so one
+// crashed process cannot block every other one for ever.
+class SegmentLock {
+public:
+    explicit SegmentLock(pthread_mutex_t* m) : mutex_(m)
+    {
+        int rc = pthread_mutex_lock(mutex_);
+        if (rc == EOWNERDEAD)
+            rc = pthread_mutex_consistent(mutex_);
+        if (rc != 0)
+            throw std::runtime_error("Failed to lock shared memory");
+    }
+    ~SegmentLock() { pthread_mutex_unlock(mutex_); }
+    SegmentLock(const SegmentLock&) = delete;
+    SegmentLock& operator=(const SegmentLock&) = delete;
+
+private:
+    pthread_mutex_t* mutex_;
+};
+
+} // namespace
+
+SharedMemory::SharedMemory(const std::string& name_, size_t capacity, bool create_)
+    : name(name_), size(total_size(capacity)), fd(-1), addr(nullptr), mutex(nullptr), owner(create_)
+{
+    if (owner) {
+        create();
+        return;
+    }
+    fd = shm_open(name.c_str(), O_RDWR, 0666);
+    if (fd == -1)
+        return;
+    // A segment shorter than the mapping would fault (SIGBUS) on access past
+    // its end: such a segment counts as missing.
+    struct stat st;
+    if (fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= size)
+        map();
+    if (!addr) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+SharedMemory::~SharedMemory()
+{
+    close();
+}
+
+void SharedMemory::map()
+{
+    void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (p == MAP_FAILED)
+        return;
+    addr = p;
+    mutex = static_cast<pthread_mutex_t*>(p);
+}
+
+void SharedMemory::create()
+{
+    if (addr)
+        munmap(addr, size);
+    if (fd != -1)
+        ::close(fd);
+    addr = nullptr;
+    mutex = nullptr;
+
+    fd = shm_open(name.c_str(), O_CREAT | O_RDWR, 0666);
+    if (fd == -1) {
+        perror("shm_open");
+        throw std::runtime_error("Failed to create shared memory: " + name);
+    }
+    if (ftruncate(fd, static_cast<off_t>(size)) == -1) {
+        ::close(fd);
+        fd = -1;
+        shm_unlink(name.c_str());
+        throw std::runtime_error("Failed to set size of shared memory");
+    }
+    map();
+    if (!addr) {
+        ::close(fd);
+        fd = -1;
+        shm_unlink(name.c_str());
+        throw std::runtime_error("Failed to map shared memory");
+    }
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(mutex, &attr);
+    pthread_mutexattr_destroy(&attr);
+}
+
+void SharedMemory::write(const void* data, size_t len, size_t offset)
+{
+    if (!in_range(size, len, offset))
+        throw std::runtime_error("Data size exceeds shared memory size: " + name + " " +
+                                 std::to_string(len) + "+" + std::to_string(offset) + ">" +
+                                 std::to_string(size) + "-" + std::to_string(header_size));
+    SegmentLock lock(mutex);
+    if (len)
+        memcpy(static_cast<char*>(addr) + header_size + offset, data, len);
+}
+
+void SharedMemory::read(void* buf, size_t len, size_t offset)
+{
+    if (!in_range(size, len, offset))
+        throw std::runtime_error("Read size exceeds shared memory size");
+    SegmentLock lock(mutex);
+    if (len)
+        memcpy(buf, static_cast<const char*>(addr) + header_size + offset, len);
+}
+
+void SharedMemory::close()
+{
+    const bool was_open = fd != -1;
+    if (addr)
+        munmap(addr, size);
+    if (fd != -1)
+        ::close(fd);
+    addr = nullptr;
+    mutex = nullptr;
+    fd = -1;
+    if (owner && was_open)
+        shm_unlink(name.c_str());
+}
+
+} // namespace bMSG

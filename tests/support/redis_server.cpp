@@ -1,0 +1,198 @@
+#include "redis_server.h"
+
+#include <hiredis/hiredis.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace bmsg_test {
+
+uint16_t free_port()
+{
+    int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (s < 0 || bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+        perror("free_port");
+        abort();
+    }
+    ::close(s);
+    return ntohs(a.sin_port);
+}
+
+RedisServer::RedisServer()
+{
+    char tmpl[] = "/tmp/bmsg-redis-XXXXXX";
+    if (!mkdtemp(tmpl)) {
+        perror("mkdtemp");
+        abort();
+    }
+    dir_ = tmpl;
+    socket_ = dir_ + "/redis.sock";
+    // The port is free when probed but may be taken before the server binds
+    // it: try a few.
+    for (int i = 0; i < 5; ++i) {
+        port_ = free_port();
+        if (start())
+            return;
+    }
+    fprintf(stderr, "cannot start redis-server (see %s/redis.log)\n", dir_.c_str());
+    abort();
+}
+
+RedisServer::~RedisServer()
+{
+    stop();
+    unlink(socket_.c_str());
+    unlink((dir_ + "/redis.log").c_str());
+    rmdir(dir_.c_str());
+}
+
+bool RedisServer::start()
+{
+    const std::string port = std::to_string(port_);
+    const std::string log = dir_ + "/redis.log";
+    pid_ = fork();
+    if (pid_ == 0) {
+        int null = open("/dev/null", O_RDWR);
+        dup2(null, 0);
+        dup2(null, 1);
+        execlp("redis-server", "redis-server", "--port", port.c_str(), "--bind", "127.0.0.1",
+               "--unixsocket", socket_.c_str(), "--unixsocketperm", "700", "--save", "",
+               "--appendonly", "no", "--dir", dir_.c_str(), "--logfile", log.c_str(),
+               "--daemonize", "no", "--protected-mode", "no", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    for (int i = 0; i < 500; ++i) {
+        int status;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return false;
+        }
+        redisContext* c = redisConnect("127.0.0.1", port_);
+        bool up = c && !c->err;
+        if (up) {
+            auto* r = static_cast<redisReply*>(redisCommand(c, "PING"));
+            up = r && r->type == REDIS_REPLY_STATUS;
+            freeReplyObject(r);
+        }
+        redisFree(c);
+        if (up && access(socket_.c_str(), F_OK) == 0)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    stop();
+    return false;
+}
+
+void RedisServer::stop(int signal)
+{
+    if (pid_ <= 0)
+        return;
+    kill(pid_, signal);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+void RedisServer::restart()
+{
+    stop();
+    unlink(socket_.c_str());
+    if (!start()) {
+        fprintf(stderr, "cannot restart redis-server on port %u\n", port_);
+        abort();
+    }
+}
+
+static std::string slurp(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+Captured run_captured(const std::function<int()>& fn)
+{
+    char out_path[] = "/tmp/bmsg-out-XXXXXX";
+    char err_path[] = "/tmp/bmsg-err-XXXXXX";
+    int out = mkstemp(out_path);
+    int err = mkstemp(err_path);
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out, 1);
+        dup2(err, 2);
+        int rc = fn();
+        fflush(stdout);
+        fflush(stderr);
+        _exit(rc);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    Captured c;
+    c.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    c.out = slurp(out_path);
+    c.err = slurp(err_path);
+    ::close(out);
+    ::close(err);
+    unlink(out_path);
+    unlink(err_path);
+    return c;
+}
+
+static std::string reply_text(const redisReply* r)
+{
+    switch (r->type) {
+    case REDIS_REPLY_STRING:
+    case REDIS_REPLY_STATUS:
+    case REDIS_REPLY_ERROR:
+        return std::string(r->str, r->len);
+    case REDIS_REPLY_INTEGER:
+        return std::to_string(r->integer);
+    case REDIS_REPLY_ARRAY: {
+        std::string s;
+        for (size_t i = 0; i < r->elements; ++i)
+            s += (i ? "\n" : "") + reply_text(r->element[i]);
+        return s;
+    }
+    default:
+        return "(nil)";
+    }
+}
+
+std::string redis_raw(const RedisServer& server, const char* format, ...)
+{
+    redisContext* c = redisConnectUnix(server.socket().c_str());
+    if (!c || c->err) {
+        redisFree(c);
+        return "(no connection)";
+    }
+    va_list ap;
+    va_start(ap, format);
+    auto* r = static_cast<redisReply*>(redisvCommand(c, format, ap));
+    va_end(ap);
+    std::string text = r ? reply_text(r) : "(no reply)";
+    freeReplyObject(r);
+    redisFree(c);
+    return text;
+}
+
+} // namespace bmsg_test

@@ -1,0 +1,59 @@
+// A private redis-server for one test: Unix socket in a temp dir and a free
+// TCP port on 127.0.0.1, started and stopped by pid.
+#ifndef BMSG_TEST_REDIS_SERVER_H
+#define BMSG_TEST_REDIS_SERVER_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace bmsg_test {
+
+class RedisServer {
+public:
+    // Starts the server and waits until it answers; aborts the test binary
+    // when no server can be started.
+    RedisServer();
+    ~RedisServer();
+    RedisServer(const RedisServer&) = delete;
+    RedisServer& operator=(const RedisServer&) = delete;
+
+    // Kills the server (SIGKILL by default) and reaps it.
+    void stop(int signal = 9);
+    // Starts it again on the same port and socket.
+    void restart();
+    bool running() const { return pid_ > 0; }
+
+    uint16_t port() const { return port_; }
+    const std::string& socket() const { return socket_; }
+    const std::string& dir() const { return dir_; }
+
+private:
+    bool start();
+    std::string dir_;
+    std::string socket_;
+    uint16_t port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// A TCP port on 127.0.0.1 that nothing listens on right now.
+uint16_t free_port();
+
+// Output of a function run in a forked child with stdout and stderr caught.
+struct Captured {
+    int status;  // the child's exit code, or 128 + signal
+    std::string out;
+    std::string err;
+};
+Captured run_captured(const std::function<int()>& fn);
+
+// Runs one raw command on a fresh connection and returns the reply as text
+// (string, status, error, integer in decimal; "(nil)" for nil; arrays as
+// their elements joined by '\n').
+std::string redis_raw(const RedisServer& server, const char* format, ...);
+
+} // namespace bmsg_test
+
+#endif
