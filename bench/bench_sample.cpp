@@ -1,0 +1,217 @@
+// Sample transfer across two processes, from send to completed receive:
+// the shared-memory path, the same image pushed through Redis as one list
+// element, and the floor of a shared-memory transfer (two copies of the
+// pixels and one Redis round trip).
+#include "bench_common.h"
+#include "bimage.h"
+
+#include <benchmark/benchmark.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int transfers = 300;
+
+int64_t now_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+// Median, 99th percentile (microseconds) and transfers per second.
+void report(benchmark::State& state, std::vector<double> lat_us, double seconds)
+{
+    std::sort(lat_us.begin(), lat_us.end());
+    state.counters["median_us"] = lat_us[lat_us.size() / 2];
+    state.counters["p99_us"] = lat_us[lat_us.size() * 99 / 100];
+    state.counters["images_per_s"] = static_cast<double>(lat_us.size()) / seconds;
+    state.counters["bytes"] = static_cast<double>(state.range(0) * state.range(1) * state.range(2));
+}
+
+BImage::ImageFormat format_of(int bytes_per_pixel)
+{
+    // 1 byte per pixel is format 0, 2 is format 4, 3 is format 1.
+    return static_cast<BImage::ImageFormat>(bytes_per_pixel == 1 ? 0 : bytes_per_pixel == 2 ? 4 : 1);
+}
+
+// Forks a receiver that runs `receive` `count` times and writes the
+// monotonic time of each completed receive to a pipe; the sender waits for
+// that time before it sends the next image, so one image is in flight.
+template <typename Send, typename Receive>
+void transfer_loop(benchmark::State& state, int count, Send send, Receive receive)
+{
+    int times[2];
+    if (pipe(times) != 0) {
+        state.SkipWithError("pipe");
+        return;
+    }
+    pid_t child = fork();
+    if (child == 0) {
+        close(times[0]);
+        for (int i = 0; i < count; ++i) {
+            if (!receive())
+                _exit(1);
+            int64_t t = now_ns();
+            if (write(times[1], &t, sizeof t) != sizeof t)
+                _exit(2);
+        }
+        _exit(0);
+    }
+    close(times[1]);
+    std::vector<double> lat;
+    const int64_t start = now_ns();
+    for (auto _ : state) {
+        for (int i = 0; i < count; ++i) {
+            const int64_t t0 = now_ns();
+            send();
+            int64_t t1;
+            if (read(times[0], &t1, sizeof t1) != sizeof t1) {
+                state.SkipWithError("receiver failed");
+                break;
+            }
+            lat.push_back(static_cast<double>(t1 - t0) / 1000.0);
+        }
+    }
+    const double seconds = static_cast<double>(now_ns() - start) / 1e9;
+    close(times[0]);
+    waitpid(child, nullptr, 0);
+    if (!lat.empty())
+        report(state, lat, seconds);
+}
+
+std::string modality_for(const benchmark::State& state)
+{
+    return "bench" + std::to_string(getpid()) + "_" + std::to_string(state.range(0)) + "x" +
+           std::to_string(state.range(1));
+}
+
+void sample_shm(benchmark::State& state)
+{
+    const std::string modality = modality_for(state);
+    BImage::Image image(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
+                        format_of(static_cast<int>(state.range(2))), nullptr);
+    memset(image.data, 0x5a, image.count());
+    auto sender = bench::messager(true);
+    sender->bio_sample_send(modality.c_str(), &image);  // creates the segment
+    sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
+    transfer_loop(
+        state, transfers, [&] { sender->bio_sample_send(modality.c_str(), &image); },
+        [&, receiver = std::unique_ptr<bMSG::Messager>()]() mutable {
+            if (!receiver)
+                receiver = bench::messager(true);
+            char out[64];
+            BImage::Image* got = receiver->bio_sample_recv({modality.c_str()}, 5, out, sizeof out);
+            const bool ok = got && got->count() == image.count();
+            delete got;
+            return ok;
+        });
+}
+
+void sample_through_redis(benchmark::State& state)
+{
+    const std::string key = "bench:pixels:" + modality_for(state);
+    const size_t bytes = static_cast<size_t>(state.range(0) * state.range(1) * state.range(2));
+    std::vector<unsigned char> pixels(bytes, 0x5a);
+    auto sender = bench::messager(true);
+    sender->list_clear(key.c_str());
+    transfer_loop(
+        state, transfers, [&] { sender->list_send(key.c_str(), "%b", pixels.data(), bytes); },
+        [&, receiver = std::unique_ptr<bMSG::Messager>(),
+         buf = std::vector<char>()]() mutable {
+            if (!receiver) {
+                receiver = bench::messager(true);
+                buf.resize(bytes + 1);
+            }
+            return receiver->list_recv(key.c_str(), buf.data(), static_cast<int>(buf.size()), 5,
+                                       nullptr, 0) == static_cast<int>(bytes);
+        });
+}
+
+// Two copies of the pixels (into and out of the segment) and one round trip.
+void sample_floor(benchmark::State& state)
+{
+    const size_t bytes = static_cast<size_t>(state.range(0) * state.range(1) * state.range(2));
+    std::vector<unsigned char> a(bytes, 0x5a), b(bytes), c(bytes);
+    auto m = bench::messager(true);
+    std::vector<double> lat;
+    const int64_t start = now_ns();
+    for (auto _ : state) {
+        for (int i = 0; i < transfers; ++i) {
+            const int64_t t0 = now_ns();
+            memcpy(b.data(), a.data(), bytes);
+            memcpy(c.data(), b.data(), bytes);
+            benchmark::DoNotOptimize(c.data());
+            m->list_size("bench:floor");
+            lat.push_back(static_cast<double>(now_ns() - t0) / 1000.0);
+        }
+    }
+    report(state, lat, static_cast<double>(now_ns() - start) / 1e9);
+}
+
+// Resident size of the receiving process across ten thousand transfers.
+void sample_rss(benchmark::State& state)
+{
+    const std::string modality = modality_for(state) + "rss";
+    BImage::Image image(640, 480, format_of(1), nullptr);
+    memset(image.data, 1, image.count());
+    auto sender = bench::messager(true);
+    sender->bio_sample_send(modality.c_str(), &image);
+    sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
+    int rss[2];
+    if (pipe(rss) != 0)
+        return;
+    pid_t child = fork();
+    if (child == 0) {
+        auto receiver = bench::messager(true);
+        char out[64];
+        long before = 0;
+        for (int i = 0; i < 10000; ++i) {
+            if (i == 100)
+                before = bench::rss_kib();
+            delete receiver->bio_sample_recv({modality.c_str()}, 5, out, sizeof out);
+        }
+        long after[2] = {before, bench::rss_kib()};
+        _exit(write(rss[1], after, sizeof after) == sizeof after ? 0 : 1);
+    }
+    long sender_before = 0;
+    for (auto _ : state)
+        for (int i = 0; i < 10000; ++i) {
+            if (i == 100)
+                sender_before = bench::rss_kib();
+            sender->bio_sample_send(modality.c_str(), &image);
+        }
+    long receiver_rss[2] = {0, 0};
+    if (read(rss[0], receiver_rss, sizeof receiver_rss) != sizeof receiver_rss)
+        state.SkipWithError("receiver failed");
+    waitpid(child, nullptr, 0);
+    close(rss[0]);
+    close(rss[1]);
+    state.counters["transfers"] = 10000;
+    state.counters["receiver_rss_start_kib"] = static_cast<double>(receiver_rss[0]);
+    state.counters["receiver_rss_end_kib"] = static_cast<double>(receiver_rss[1]);
+    state.counters["sender_rss_start_kib"] = static_cast<double>(sender_before);
+    state.counters["sender_rss_end_kib"] = static_cast<double>(bench::rss_kib());
+}
+
+void sizes(benchmark::internal::Benchmark* b)
+{
+    b->Args({640, 480, 1})->Args({1280, 720, 2})->Args({1920, 1080, 3});
+    b->Iterations(1)->Unit(benchmark::kMillisecond);
+}
+
+} // namespace
+
+BENCHMARK(sample_floor)->Apply(sizes);
+BENCHMARK(sample_shm)->Apply(sizes);
+BENCHMARK(sample_through_redis)->Apply(sizes);
+BENCHMARK(sample_rss)->Args({640, 480, 1})->Iterations(1)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();
