@@ -341,6 +341,9 @@ TEST(SampleTransfer, ManyFramesArriveWholeWhileTheSenderKeepsWriting)
 
     // Every frame carries its number in its first 4 bytes and a pattern
     // derived from it in the rest; a copy mixing two frames fails the check.
+    // The patterns are made in advance so that the sends follow each other
+    // closely and overlap the receiver's copies.
+    const uint32_t patterns = 4;
     pid_t receiver = fork_child([&] {
         bMSG::Messager bus(server.socket().c_str(), 0, 3);
         char out[64];
@@ -356,7 +359,7 @@ TEST(SampleTransfer, ManyFramesArriveWholeWhileTheSenderKeepsWriting)
             if (id >= frames || id < i || id < last)
                 return 2;
             for (int k = 4; k < image->count(); ++k)
-                if (image->data[k] != pattern(id, static_cast<uint32_t>(k)))
+                if (image->data[k] != pattern(id % patterns, static_cast<uint32_t>(k)))
                     return 3;
             last = id;
         }
@@ -365,9 +368,13 @@ TEST(SampleTransfer, ManyFramesArriveWholeWhileTheSenderKeepsWriting)
 
     {
         bMSG::Messager bus(server.socket().c_str(), 0, 3);
-        Image frame(640, 480, BImage::GRAY8, nullptr);
+        std::vector<ImagePtr> made;
+        for (uint32_t p = 0; p < patterns; ++p) {
+            made.emplace_back(new Image(640, 480, BImage::GRAY8, nullptr));
+            fill(*made.back(), p);
+        }
         for (uint32_t id = 0; id < frames; ++id) {
-            fill(frame, id);
+            Image& frame = *made[id % patterns];
             memcpy(frame.data, &id, 4);
             ASSERT_EQ(bus.bio_sample_send(modality.c_str(), &frame), 0);
         }
