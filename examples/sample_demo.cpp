@@ -64,12 +64,11 @@ int main(int argc, char** argv)
         BImage::Image image(640, 480, BImage::GRAY8, nullptr);
         for (int i = 0; i < image.count(); ++i)
             image.data[i] = pixel(i);
-        if (bus.bio_sample_send(modality.c_str(), &image) == 0)
-            printf("producer: sent %dx%d grey sample on %s%s\n", image.width, image.height,
-                   bus.bio_sample, modality.c_str());
-        else
-            printf("producer: send failed\n");
+        printf("producer: sending a %dx%d grey sample on %s%s\n", image.width, image.height,
+               bus.bio_sample, modality.c_str());
         fflush(stdout);
+        if (bus.bio_sample_send(modality.c_str(), &image) != 0)
+            printf("producer: send failed\n");
         int status = 0;
         waitpid(consumer, &status, 0);
         rc = WIFEXITED(status) ? WEXITSTATUS(status) : 1;

@@ -112,7 +112,8 @@ BImage::Image* load_sample(Messager& bus, const char* func, const redisReply* de
     unsigned int width = 0;
     unsigned int height = 0;
     unsigned long size = 0;
-    auto format = static_cast<BImage::ImageFormat>(3);
+    // A parser that succeeds without setting the format leaves NV12 (3).
+    BImage::ImageFormat format = BImage::NV12;
     // parse_image_header reads 32 bytes: a shorter value must not reach it.
     if (descriptor->len != sample_header ||
         BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(descriptor->str),
@@ -136,7 +137,8 @@ BImage::Image* load_sample(Messager& bus, const char* func, const redisReply* de
                 *missing = true;
             return nullptr;
         }
-        found = bus.segments.emplace(modality, segment.release()).first;
+        found = bus.segments.emplace(modality, segment.get()).first;
+        segment.release();
     }
     found->second->read(image->data, pixel_length(*image), sample_header);
     return image.release();
@@ -448,7 +450,8 @@ int Messager::bio_sample_send(const char* modality, BImage::Image* image)
     if (found == segments.end()) {
         std::unique_ptr<SharedMemory> segment(
             new SharedMemory("/" + std::string(bio_sample) + name, sample_capacity(*image), true));
-        found = segments.emplace(name, segment.release()).first;
+        found = segments.emplace(name, segment.get()).first;
+        segment.release();
     }
     SharedMemory* segment = found->second;
     segment->write(image->data, pixel_length(*image), sample_header);
