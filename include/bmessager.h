@@ -12,7 +12,7 @@
 // fit the 1024-byte command template, in which case nothing is sent);
 // -3 no reply to a pop, LLEN, DEL or SUBSCRIBE; -5 a value does not fit the
 // caller's buffer; -6 a reply element is not a string; -7 no reply to SET;
-// -8 no reply to GET.
+// -8 no reply to GET; -10 no image given to the sample sender.
 //
 // Failures that are reported write "bMSG ERROR <function>[<line>]:" to
 // stderr, then the message and a line break to stdout.
@@ -25,12 +25,17 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #ifndef BMSG_API
 #define BMSG_API __attribute__((visibility("default")))
 #endif
 
 struct redisContext;
+
+namespace BImage {
+class Image;
+}
 
 namespace bMSG {
 
@@ -127,6 +132,62 @@ public:
     // reply. An empty callback throws std::bad_function_call on the first
     // message. The connection serves only the subscription afterwards.
     int subscribe(const char* channel, MessageCallback callback);
+
+    // Biometric samples. For a modality m the descriptor list is
+    // "BIOMETRIC_SAMPLE_" m and the shared-memory segment "/BIOMETRIC_SAMPLE_" m:
+    // a 48-byte mutex, the 32-byte image header, then the pixels. Each list
+    // element is exactly the 32 header bytes. Segments are opened on first
+    // use, kept in `segments` and released by the destructor (the sender's
+    // own segment is unlinked then). std::runtime_error from SharedMemory
+    // (creation, and data larger than the cached segment) is not caught and
+    // leaves these calls.
+
+    // Writes the pixels and the header into the modality's segment (created
+    // on the first send with room for this image's count() + 32 bytes, never
+    // grown) and pushes the header onto the modality's list. 0, -1 no
+    // connection, -10 `image` null or without pixels for a positive count(),
+    // -2 no reply to the push, or the modality contains a blank (it could not
+    // name one list key; nothing is written). A larger image than the first
+    // throws "Data size exceeds shared memory size: ..." and pushes nothing.
+    // `modality` must not be null.
+    int bio_sample_send(const char* modality, BImage::Image* image);
+
+    // BRPOP on the modality's list, blocking up to `timeout` seconds (0: no
+    // limit). Kept as the peers expect: it accepts only a bare string reply,
+    // so against a standard server, whose BRPOP answers with a (key, value)
+    // array, it reports "bad data type: 2", returns null and the popped
+    // descriptor is lost; use the vector form below to receive. Null also on
+    // time-out, no reply or no connection. The image is new'd; the caller
+    // deletes it.
+    BImage::Image* bio_sample_recv(const char* modality, int timeout);
+
+    // BRPOP with the modality keys joined by blanks as one argument, blocking
+    // up to `timeout` seconds (0: no limit). The joined text is a single key
+    // name, so pass one modality: several wait on one list whose name holds
+    // them all. An empty vector returns null at once and sends nothing. On
+    // success the modality is written NUL-terminated to `out` (`len` bytes)
+    // and a new image (caller deletes) is returned. Null on time-out, no
+    // reply or connection, and after a report: "buffer size too small: <len>"
+    // (`out` holds the cut name), "bad data type", "bad modality",
+    // "load image failed", "shared memory is invalid". The descriptor is gone
+    // from the list after every pop, failed or not.
+    BImage::Image* bio_sample_recv(std::vector<const char*> modalities, int timeout, char* out,
+                                   int len);
+
+    // LRANGE key -1 -1: loads the oldest descriptor (the one the next
+    // receive takes) without removing it. Null for an empty list or no
+    // reply. A non-list key reports "bad data type: <type>, value is INT
+    // <n>" and drops the connection (the next operation reconnects). When
+    // the modality's segment cannot be opened it reports "shared memory is
+    // invalid" and RPOPs that descriptor so it cannot block later reads.
+    // Never blocks. The image is new'd; the caller deletes it.
+    BImage::Image* bio_sample_read(const char* modality);
+
+    // bio_sample_read for each modality in order; the first image found is
+    // returned and its modality written to `out` (cut to `len` bytes, no
+    // report; nothing written when `out` is null or `len` <= 0). Null when
+    // no modality has one; `out` is then untouched.
+    BImage::Image* bio_sample_read(std::vector<const char*> modalities, char* out, int len);
 
     // The live connection (null while not connected), the server address
     // and port; for bindings that talk to the same server.
