@@ -75,6 +75,73 @@ def bus_section(raw):
     return text + "\n"
 
 
+def sample_section(raw, out_png):
+    sample = load_bench(raw, "bench_sample")
+    if not sample:
+        return ""
+    sizes = [(640, 480, 1), (1280, 720, 2), (1920, 1080, 3)]
+    rows = []
+    points = []
+    worst = 0.0
+    speedup_big = 0.0
+    for w, h, b in sizes:
+        arg = "%d/%d/%d/iterations:1" % (w, h, b)
+        floor = sample["sample_floor/" + arg]
+        shm = sample["sample_shm/" + arg]
+        redis = sample["sample_through_redis/" + arg]
+        ratio = shm["median_us"] / floor["median_us"]
+        speedup = redis["median_us"] / shm["median_us"]
+        worst = max(worst, ratio)
+        if (w, h, b) == sizes[-1]:
+            speedup_big = speedup
+        rows.append(["%dx%dx%d (%d bytes)" % (w, h, b, w * h * b),
+                     "%.0f" % shm["median_us"], "%.0f" % shm["p99_us"], "%.0f" % shm["images_per_s"],
+                     "%.0f" % floor["median_us"], "%.2f" % ratio,
+                     "%.0f" % redis["median_us"], "%.0f" % redis["images_per_s"], "%.1f" % speedup])
+        points.append((w * h * b, shm["median_us"], floor["median_us"], redis["median_us"]))
+    text = "## Sample transfer (two processes, send to completed receive)\n\n"
+    text += "Floor: two `memcpy` of the pixels and one Redis round trip. Through Redis: the pixels pushed as one "
+    text += "list element with `list_send(\"%%b\")` and popped by the receiver. Goals: shared-memory median at most "
+    text += "1.5 x the floor for each size (%s; worst %.2f), and at least 5 x faster than through Redis for "
+    text += "1920 x 1080 x 3 (%s; %.1f x).\n\n"
+    text = text % ("met" if worst <= 1.5 else "NOT met", worst,
+                   "met" if speedup_big >= 5 else "NOT met", speedup_big)
+    text += table(["image", "shm median (us)", "shm p99 (us)", "shm images/s", "floor median (us)",
+                   "shm / floor", "through Redis median (us)", "through Redis images/s",
+                   "shm speed-up"], rows)
+    rss = sample.get("sample_rss/640/480/1/iterations:1")
+    if rss:
+        text += "\n\nResident size across %d transfers of 640 x 480 x 1: receiver %d -> %d KiB, sender %d -> %d KiB " % (
+            rss["transfers"], rss["receiver_rss_start_kib"], rss["receiver_rss_end_kib"],
+            rss["sender_rss_start_kib"], rss["sender_rss_end_kib"])
+        growth = max(rss["receiver_rss_end_kib"] - rss["receiver_rss_start_kib"],
+                     rss["sender_rss_end_kib"] - rss["sender_rss_start_kib"])
+        text += "(growth at most %d KiB; goal: within 1024 KiB, %s).\n" % (growth, "met" if growth <= 1024 else "NOT met")
+    chart(points, out_png)
+    text += "\n![sample latency against image size](%s)\n" % os.path.basename(out_png)
+    return text + "\n"
+
+
+def chart(points, out_png):
+    data = out_png + ".dat"
+    with open(data, "w") as f:
+        for p in points:
+            f.write("%d %f %f %f\n" % p)
+    script = """set terminal pngcairo size 800,500
+set output '%s'
+set title 'Sample transfer latency (median)'
+set xlabel 'image size (bytes)'
+set ylabel 'latency (us)'
+set logscale xy
+set key top left
+plot '%s' using 1:2 with linespoints title 'shared memory', \\
+     '%s' using 1:3 with linespoints title 'floor (2 memcpy + 1 round trip)', \\
+     '%s' using 1:4 with linespoints title 'through Redis'
+""" % (out_png, data, data, data)
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+    os.remove(data)
+
+
 def machine():
     cpu = "unknown CPU"
     try:
@@ -91,7 +158,7 @@ def machine():
 
 def main():
     raw, out_md, out_png = sys.argv[1:4]
-    sections = [bus_section(raw)]
+    sections = [bus_section(raw), sample_section(raw, out_png)]
     with open(out_md, "w") as f:
         f.write("# Benchmark results\n\n")
         f.write("Machine: %s.\n\n" % machine())
