@@ -142,6 +142,22 @@ plot '%s' using 1:2 with linespoints title 'shared memory', \\
     os.remove(data)
 
 
+def http_section(raw):
+    http = load_bench(raw, "bench_http")
+    if not http:
+        return ""
+    ours = http["http_get_client"]["items_per_second"]
+    plain = http["http_get_curl"]["items_per_second"]
+    ratio = ours / plain
+    text = "## HTTP client (`get` against a local nginx, one request at a time)\n\n"
+    text += "Alternative: the same loop written directly with libcurl (one easy handle per request, the same "
+    text += "headers). Goal: ratio >= 0.9 (%s).\n\n" % verdict(ratio, 0.9)
+    text += table(["loop", "requests/s"], [["bHttpClient::get", "%.0f" % ours],
+                                           ["plain libcurl", "%.0f" % plain],
+                                           ["ratio", "%.2f" % ratio]])
+    return text + "\n"
+
+
 def machine():
     cpu = "unknown CPU"
     try:
@@ -158,7 +174,7 @@ def machine():
 
 def main():
     raw, out_md, out_png = sys.argv[1:4]
-    sections = [bus_section(raw), sample_section(raw, out_png)]
+    sections = [bus_section(raw), sample_section(raw, out_png), http_section(raw)]
     with open(out_md, "w") as f:
         f.write("# Benchmark results\n\n")
         f.write("Machine: %s.\n\n" % machine())
