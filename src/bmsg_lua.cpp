@@ -7,6 +7,8 @@
 
 #include <lua.hpp>
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -214,6 +216,10 @@ struct Listener {
             BMSG_REPORT("operator()", "Connection error: %s", c->errstr);
             return;
         }
+        // A child the script starts (os.execute, io.popen) must not inherit
+        // the socket: it would keep the subscription alive on the server
+        // after unsubscribe has closed it here.
+        fcntl(c->fd, F_SETFD, FD_CLOEXEC);
         if (!bMSG::take_reply(redisCommand(c.get(), "SUBSCRIBE %s", channel.c_str()))) {
             BMSG_REPORT("operator()", "Command error: %s", c->errstr);
             return;
