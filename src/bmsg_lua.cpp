@@ -1,0 +1,553 @@
+// The Lua module "bmsg": messager objects that wrap a bMSG::Messager, and
+// subscriptions whose background threads queue messages for the script's
+// callbacks, delivered when the script calls check.
+#include "bmessager.h"
+
+#include "bmsg_internal.h"
+
+#include <lua.hpp>
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace {
+
+using bMSG::Messager;
+
+const char* const messager_type = "bmsg.messager";
+constexpr uint64_t sub_magic = 0x12345678;
+constexpr int recv_buffer_size = 10240;
+constexpr int default_recv_timeout = 1000;
+
+int fail(lua_State* L, const char* message)
+{
+    lua_pushnil(L);
+    lua_pushstring(L, message);
+    return 2;
+}
+
+// The Messager of the messager object in argument 1 (a Lua error for any
+// other value); null once the object has been finalised.
+Messager* self(lua_State* L)
+{
+    return *static_cast<Messager**>(luaL_checkudata(L, 1, messager_type));
+}
+
+int push_reply_element(lua_State* L, const redisReply* r)
+{
+    if (r->type == REDIS_REPLY_STRING)
+        lua_pushlstring(L, r->str, r->len);
+    else if (r->type == REDIS_REPLY_INTEGER)
+        lua_pushinteger(L, static_cast<lua_Integer>(r->integer));
+    else
+        return 0;
+    return 1;
+}
+
+// Converts one reply of GET into the results of messager:get.
+int push_reply(lua_State* L, const redisReply* r)
+{
+    switch (r->type) {
+    case REDIS_REPLY_STRING:
+        lua_pushlstring(L, r->str, r->len);
+        return 1;
+    case REDIS_REPLY_INTEGER:
+        lua_pushinteger(L, static_cast<lua_Integer>(r->integer));
+        return 1;
+    case REDIS_REPLY_NIL:
+        lua_pushnil(L);
+        return 1;
+    case REDIS_REPLY_STATUS:
+        lua_pushstring(L, r->str);
+        return 1;
+    case REDIS_REPLY_ERROR:
+        lua_pushnil(L);
+        lua_pushlstring(L, r->str, r->len);
+        return 2;
+#ifdef REDIS_REPLY_DOUBLE
+    case REDIS_REPLY_DOUBLE:
+        lua_pushnumber(L, r->dval);
+        return 1;
+#endif
+    case REDIS_REPLY_ARRAY:
+        lua_createtable(L, static_cast<int>(r->elements), 0);
+        // Elements of other types leave holes.
+        for (size_t i = 0; i < r->elements; ++i)
+            if (push_reply_element(L, r->element[i]))
+                lua_rawseti(L, -2, static_cast<int>(i + 1));
+        return 1;
+    default:
+        return fail(L, "Unknown Redis reply type");
+    }
+}
+
+// A whole number taken into the int range, saturating at its limits.
+int saturate_int(double d)
+{
+    if (d >= 2147483647.0)
+        return INT32_MAX;
+    if (d <= -2147483648.0)
+        return INT32_MIN;
+    return static_cast<int>(d);
+}
+
+// Pops one value of `key`; nil when the list was empty, the value was empty
+// or it did not fit the buffer (it is gone from the list then).
+int push_popped(lua_State* L, Messager* m, const char* key, int timeout)
+{
+    char buffer[recv_buffer_size];
+    const int n = m->list_recv(key, buffer, sizeof buffer, timeout, nullptr, 0);
+    if (n < 1)
+        lua_pushnil(L);
+    else
+        lua_pushlstring(L, buffer, static_cast<size_t>(n));
+    return 1;
+}
+
+// Common part of the *_recv methods: the timeout is taken only when it is
+// the one argument after self; otherwise the default applies.
+int recv_method(lua_State* L, Messager* m, const char* key)
+{
+    int timeout = default_recv_timeout;
+    if (lua_gettop(L) == 2)
+        timeout = static_cast<int>(luaL_checkinteger(L, 2));
+    return push_popped(L, m, key, timeout);
+}
+
+// ---- Subscriptions -------------------------------------------------------
+
+struct Message {
+    std::string channel;
+    std::string payload;
+};
+
+struct sub_data {
+    uint64_t magic = sub_magic;
+    std::unique_ptr<std::thread> thread;
+    std::atomic<bool> running{true};
+    std::deque<Message> queue;
+    std::mutex mutex;  // guards queue
+    int callback_ref = LUA_NOREF;
+};
+
+// Records of the live subscriptions. A handle is a bare address that a
+// script may keep after unsubscribe; looking it up here before reading
+// anything through it turns a stale or foreign handle into an error result.
+struct Registry {
+    std::mutex mutex;
+    std::set<const void*> live;
+};
+
+Registry& registry()
+{
+    static Registry r;
+    return r;
+}
+
+bool is_live(const void* p)
+{
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.live.count(p) != 0;
+}
+
+void set_live(const void* p, bool live)
+{
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (live)
+        r.live.insert(p);
+    else
+        r.live.erase(p);
+}
+
+// The record behind the handle in argument 1, or null with the reason.
+sub_data* handle_arg(lua_State* L, const char*& error)
+{
+    void* p = lua_touserdata(L, 1);
+    if (!p) {
+        error = "sub_data is NULL";
+        return nullptr;
+    }
+    if (!is_live(p) || static_cast<sub_data*>(p)->magic != sub_magic) {
+        error = "sub_data is invalid";
+        return nullptr;
+    }
+    return static_cast<sub_data*>(p);
+}
+
+bool is_message(const redisReply* r)
+{
+    return r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
+           r->element[0]->type == REDIS_REPLY_STRING && strcmp(r->element[0]->str, "message") == 0 &&
+           r->element[1]->type == REDIS_REPLY_STRING && r->element[2]->type == REDIS_REPLY_STRING;
+}
+
+// Body of a subscription thread. It has its own TCP connection to the
+// messager's address and port (even when the messager uses a socket path)
+// and works on copies, so the Lua side may drop the messager and the channel
+// string at once. It never touches the Lua state.
+struct Listener {
+    sub_data* sub;
+    std::string address;
+    uint16_t port;
+    std::string channel;
+
+    void operator()() const
+    {
+        bMSG::Context c(redisConnect(address.c_str(), port));
+        if (!c) {
+            BMSG_REPORT("operator()", "Connection error: can't allocate redis context");
+            return;
+        }
+        if (c->err) {
+            BMSG_REPORT("operator()", "Connection error: %s", c->errstr);
+            return;
+        }
+        // A child the script starts (os.execute, io.popen) must not inherit
+        // the socket: it would keep the subscription alive on the server
+        // after unsubscribe has closed it here.
+        fcntl(c->fd, F_SETFD, FD_CLOEXEC);
+        if (!bMSG::take_reply(redisCommand(c.get(), "SUBSCRIBE %s", channel.c_str()))) {
+            BMSG_REPORT("operator()", "Command error: %s", c->errstr);
+            return;
+        }
+        // running is looked at only between replies: a blocked read ends
+        // with the next message or a broken connection.
+        while (sub->running) {
+            void* raw = nullptr;
+            if (redisGetReply(c.get(), &raw) != REDIS_OK)
+                return;
+            bMSG::Reply r = bMSG::take_reply(raw);
+            if (!r || !is_message(r.get()))
+                continue;
+            Message m{r->element[1]->str, r->element[2]->str};
+            const bool last = m.payload == "exit";
+            {
+                std::lock_guard<std::mutex> lock(sub->mutex);
+                sub->queue.push_back(std::move(m));
+            }
+            if (last)
+                return;
+        }
+    }
+};
+
+void report_callback_error(lua_State* L)
+{
+    const char* text = lua_tostring(L, -1);
+    BMSG_REPORT("messager_check", "Lua callback error: %s",
+                text ? text : "(error object is not a string)");
+}
+
+// ---- Methods ---------------------------------------------------------------
+
+int messager_get(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    const char* key = luaL_checklstring(L, 2, nullptr);
+    redisContext* c = m->redis_context();
+    if (!c)
+        return fail(L, "redis connection is NULL");
+    bMSG::Reply r = bMSG::take_reply(redisCommand(c, "GET %s", key));
+    if (!r)
+        return fail(L, "redis reply is NULL");
+    return push_reply(L, r.get());
+}
+
+// Integral numbers are stored through the int overload, other numbers
+// (NaN included) through the float one, anything else as text. Returns the
+// top of the stack, i.e. the value argument, whatever the write gave.
+int messager_set(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    const char* key = luaL_checklstring(L, 2, nullptr);
+    if (!*key)
+        return fail(L, "key is empty");
+    if (!lua_isnumber(L, 3)) {
+        m->set(key, luaL_checklstring(L, 3, nullptr));
+        return 1;
+    }
+    const double d = lua_tonumber(L, 3);
+    if (std::floor(d) == d)
+        m->set(key, saturate_int(d));
+    else
+        m->set(key, static_cast<float>(d));
+    return 1;
+}
+
+// The senders hand the Lua string to the Messager as the format, so a '%'
+// in it starts a conversion; scripts double it for a literal one.
+int messager_publish(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    const char* channel = luaL_checklstring(L, 2, nullptr);
+    const char* message = luaL_checklstring(L, 3, nullptr);
+    m->publish(channel, message);
+    return 0;
+}
+
+int messager_subscribe(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    const char* channel = luaL_checklstring(L, 2, nullptr);
+    if (lua_type(L, 3) != LUA_TFUNCTION)
+        return fail(L, "callback is not a function");
+
+    auto sub = std::make_unique<sub_data>();
+    lua_pushvalue(L, 3);
+    sub->callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
+    Listener listener{sub.get(), m->server_address(), m->server_port(), channel};
+    set_live(sub.get(), true);
+    try {
+        sub->thread = std::make_unique<std::thread>(std::move(listener));
+    } catch (const std::system_error&) {
+        set_live(sub.get(), false);
+        luaL_unref(L, LUA_REGISTRYINDEX, sub->callback_ref);
+        return fail(L, "can't start subscription thread");
+    }
+    lua_pushlightuserdata(L, sub.release());
+    return 1;
+}
+
+// Joins the thread, which may wait for one more message on the channel.
+// Messages not yet delivered are dropped.
+int messager_unsubscribe(lua_State* L)
+{
+    const char* error = nullptr;
+    sub_data* sub = handle_arg(L, error);
+    if (!sub)
+        return fail(L, error);
+    set_live(sub, false);
+    sub->running = false;
+    sub->thread->join();
+    luaL_unref(L, LUA_REGISTRYINDEX, sub->callback_ref);
+    delete sub;
+    lua_pushboolean(L, 1);
+    return 1;
+}
+
+int messager_device_cmd_send(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    m->device_cmd_send(luaL_checklstring(L, 2, nullptr));
+    return 0;
+}
+
+int messager_bio_cmd_send(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    m->bio_cmd_send(luaL_checklstring(L, 2, nullptr));
+    return 0;
+}
+
+int messager_bio_cmd_recv(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    return recv_method(L, m, m->bio_cmd);
+}
+
+int messager_bio_cmd_size(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    lua_pushinteger(L, m->list_size(m->bio_cmd));
+    return 1;
+}
+
+int messager_bio_cmd_clear(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    lua_pushinteger(L, m->list_clear(m->bio_cmd));
+    return 1;
+}
+
+int messager_bio_info_send(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    m->bio_info_send(luaL_checklstring(L, 2, nullptr));
+    return 0;
+}
+
+int messager_bio_info_recv(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    return recv_method(L, m, m->bio_info);
+}
+
+int messager_bio_info_size(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    lua_pushinteger(L, m->list_size(m->bio_info));
+    return 1;
+}
+
+int messager_bio_resp_send(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    m->bio_resp_send(luaL_checklstring(L, 2, nullptr));
+    return 0;
+}
+
+int messager_bio_resp_recv(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    return recv_method(L, m, m->bio_resp);
+}
+
+int messager_bio_resp_size(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    lua_pushinteger(L, m->list_size(m->bio_resp));
+    return 1;
+}
+
+int messager_system_publish(lua_State* L)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    m->system_publish(luaL_checklstring(L, 2, nullptr));
+    return 0;
+}
+
+// Takes everything queued so far and calls the callback once per message,
+// in arrival order, without holding the lock. A failing callback is
+// reported and the next message is still delivered.
+int messager_check(lua_State* L)
+{
+    const char* error = nullptr;
+    sub_data* sub = handle_arg(L, error);
+    if (!sub)
+        return fail(L, error);
+    std::deque<Message> pending;
+    {
+        std::lock_guard<std::mutex> lock(sub->mutex);
+        pending.swap(sub->queue);
+    }
+    for (; !pending.empty(); pending.pop_front()) {
+        // A callback may have unsubscribed this very handle.
+        if (!is_live(sub))
+            break;
+        const Message& msg = pending.front();
+        lua_rawgeti(L, LUA_REGISTRYINDEX, sub->callback_ref);
+        lua_pushstring(L, msg.channel.c_str());
+        lua_pushstring(L, msg.payload.c_str());
+        if (lua_pcall(L, 2, 0, 0) != 0) {
+            report_callback_error(L);
+            lua_pop(L, 1);
+        }
+    }
+    return 0;
+}
+
+int messager_new(lua_State* L)
+{
+    const char* address = luaL_checklstring(L, 1, nullptr);
+    const auto port = static_cast<uint16_t>(luaL_checkinteger(L, 2));
+    const auto attempts = static_cast<int>(luaL_checkinteger(L, 3));
+    auto** slot = static_cast<Messager**>(lua_newuserdata(L, sizeof(Messager*)));
+    *slot = nullptr;
+    *slot = new Messager(address, port, attempts);
+    luaL_getmetatable(L, messager_type);
+    lua_setmetatable(L, -2);
+    return 1;
+}
+
+// Frees the Messager; its subscriptions keep running. The slot is cleared
+// so that an object reached after finalisation answers "messager is NULL".
+int messager_gc(lua_State* L)
+{
+    auto** slot = static_cast<Messager**>(luaL_checkudata(L, 1, messager_type));
+    delete *slot;
+    *slot = nullptr;
+    return 0;
+}
+
+const luaL_Reg messager_meta[] = {
+    {"__gc", messager_gc},
+    {nullptr, nullptr},
+};
+
+const luaL_Reg messager_methods[] = {
+    {"get", messager_get},
+    {"set", messager_set},
+    {"publish", messager_publish},
+    {"subscribe", messager_subscribe},
+    {"unsubscribe", messager_unsubscribe},
+    {"device_cmd_send", messager_device_cmd_send},
+    {"bio_cmd_send", messager_bio_cmd_send},
+    {"bio_cmd_recv", messager_bio_cmd_recv},
+    {"bio_cmd_size", messager_bio_cmd_size},
+    {"bio_cmd_clear", messager_bio_cmd_clear},
+    {"bio_info_send", messager_bio_info_send},
+    {"bio_info_recv", messager_bio_info_recv},
+    {"bio_info_size", messager_bio_info_size},
+    {"bio_resp_send", messager_bio_resp_send},
+    {"bio_resp_recv", messager_bio_resp_recv},
+    {"bio_resp_size", messager_bio_resp_size},
+    {"system_publish", messager_system_publish},
+    {"check", messager_check},
+    {nullptr, nullptr},
+};
+
+} // namespace
+
+// Module entry for require "bmsg": returns { messager = { new = ... } } and
+// registers the metatable "bmsg.messager".
+extern "C" BMSG_API int luaopen_bmsg(lua_State* L)
+{
+    luaL_newmetatable(L, messager_type);
+    luaL_setfuncs(L, messager_meta, 0);
+    lua_newtable(L);
+    luaL_setfuncs(L, messager_methods, 0);
+    lua_setfield(L, -2, "__index");
+
+    lua_newtable(L);
+    lua_newtable(L);
+    lua_pushcfunction(L, messager_new);
+    lua_setfield(L, -2, "new");
+    lua_setfield(L, -2, "messager");
+    return 1;
+}
