@@ -4,6 +4,8 @@
 #include "bmsg_internal.h"
 #include "bshmem.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -62,6 +64,18 @@ bool build_template(char (&out)[template_size], const char* verb, const char* na
     return true;
 }
 
+bool is_message(const redisReply* r)
+{
+    return r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
+           r->element[0]->type == REDIS_REPLY_STRING && strcmp(r->element[0]->str, "message") == 0 &&
+           r->element[1]->type == REDIS_REPLY_STRING && r->element[2]->type == REDIS_REPLY_STRING;
+}
+
+void close_on_exec(redisContext* c)
+{
+    fcntl(c->fd, F_SETFD, FD_CLOEXEC);
+}
+
 namespace {
 
 // A value of `len` bytes fits a caller buffer of `size` bytes when it is
@@ -78,13 +92,6 @@ int write_key(char* key_out, int key_size, const char* key, int result)
         return result;
     int n = snprintf(key_out, static_cast<size_t>(key_size), "%s", key);
     return n >= key_size ? -5 : result;
-}
-
-bool is_message(const redisReply* r)
-{
-    return r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
-           r->element[0]->type == REDIS_REPLY_STRING && strcmp(r->element[0]->str, "message") == 0 &&
-           r->element[2]->type == REDIS_REPLY_STRING;
 }
 
 // Payload layout of a sample segment: the image header, then the pixels.
@@ -186,6 +193,7 @@ void Messager::connect()
             BMSG_REPORT("connect", "%s: address[%s] port[%d]", c->errstr, address.c_str(), port);
             redisFree(c);
         } else {
+            close_on_exec(c);
             context = c;
             return;
         }

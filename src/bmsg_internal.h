@@ -33,6 +33,14 @@ struct ContextFree {
 };
 using Context = std::unique_ptr<redisContext, ContextFree>;
 
+// A pub/sub "message" reply: ["message", channel, payload], all strings.
+bool is_message(const redisReply* r);
+
+// Keeps the connection's socket out of child processes: a child that
+// inherited it would keep a subscription alive on the server after the
+// parent has closed it.
+void close_on_exec(redisContext* c);
+
 // Size of the command template buffer of the push and publish operations.
 constexpr size_t template_size = 1024;
 

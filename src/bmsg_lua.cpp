@@ -7,7 +7,6 @@
 
 #include <lua.hpp>
 
-#include <fcntl.h>
 
 #include <atomic>
 #include <cmath>
@@ -188,13 +187,6 @@ sub_data* handle_arg(lua_State* L, const char*& error)
     return static_cast<sub_data*>(p);
 }
 
-bool is_message(const redisReply* r)
-{
-    return r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
-           r->element[0]->type == REDIS_REPLY_STRING && strcmp(r->element[0]->str, "message") == 0 &&
-           r->element[1]->type == REDIS_REPLY_STRING && r->element[2]->type == REDIS_REPLY_STRING;
-}
-
 // Body of a subscription thread. It has its own TCP connection to the
 // messager's address and port (even when the messager uses a socket path)
 // and works on copies, so the Lua side may drop the messager and the channel
@@ -216,10 +208,7 @@ struct Listener {
             BMSG_REPORT("operator()", "Connection error: %s", c->errstr);
             return;
         }
-        // A child the script starts (os.execute, io.popen) must not inherit
-        // the socket: it would keep the subscription alive on the server
-        // after unsubscribe has closed it here.
-        fcntl(c->fd, F_SETFD, FD_CLOEXEC);
+        bMSG::close_on_exec(c.get());
         if (!bMSG::take_reply(redisCommand(c.get(), "SUBSCRIBE %s", channel.c_str()))) {
             BMSG_REPORT("operator()", "Command error: %s", c->errstr);
             return;
@@ -231,7 +220,7 @@ struct Listener {
             if (redisGetReply(c.get(), &raw) != REDIS_OK)
                 return;
             bMSG::Reply r = bMSG::take_reply(raw);
-            if (!r || !is_message(r.get()))
+            if (!r || !bMSG::is_message(r.get()))
                 continue;
             Message m{r->element[1]->str, r->element[2]->str};
             const bool last = m.payload == "exit";
