@@ -142,6 +142,23 @@ plot '%s' using 1:2 with linespoints title 'shared memory', \\
     os.remove(data)
 
 
+def lua_section(raw):
+    lua = load_bench(raw, "bench_lua")
+    if not lua:
+        return ""
+    ours = lua["lua_subscription/iterations:1"]["messages_per_s"]
+    native = lua["native_subscription/iterations:1"]["messages_per_s"]
+    ratio = ours / native
+    text = "## Lua subscription delivery (publish to callback)\n\n"
+    text += "A LuaJIT script subscribes and calls `check` in a loop; the native listener is "
+    text += "`Messager::subscribe`. One publisher, one request in flight, 100000 messages. "
+    text += "Goal: ratio >= 0.5 (%s).\n\n" % verdict(ratio, 0.5)
+    text += table(["listener", "messages/s"], [["Lua subscription + check", "%.0f" % ours],
+                                               ["native subscribe", "%.0f" % native],
+                                               ["ratio", "%.2f" % ratio]])
+    return text + "\n"
+
+
 def http_section(raw):
     http = load_bench(raw, "bench_http")
     if not http:
@@ -174,7 +191,8 @@ def machine():
 
 def main():
     raw, out_md, out_png = sys.argv[1:4]
-    sections = [bus_section(raw), sample_section(raw, out_png), http_section(raw)]
+    sections = [bus_section(raw), sample_section(raw, out_png), lua_section(raw),
+                http_section(raw)]
     with open(out_md, "w") as f:
         f.write("# Benchmark results\n\n")
         f.write("Machine: %s.\n\n" % machine())
