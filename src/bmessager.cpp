@@ -5,6 +5,7 @@
 #include "bshmem.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -110,6 +111,14 @@ size_t pixel_length(const BImage::Image& image)
     return static_cast<size_t>(image.count());
 }
 
+// Whether the segment's object is still as long as the mapping: a copy past
+// the end of a segment that someone truncated would raise SIGBUS.
+bool intact(const SharedMemory& segment)
+{
+    struct stat st;
+    return fstat(segment.fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= segment.size;
+}
+
 // Decodes a descriptor, allocates the image and copies its pixels out of the
 // modality's segment, opening that segment on first use. Null after a
 // report; `missing` is set when the segment could not be opened.
@@ -135,6 +144,12 @@ BImage::Image* load_sample(Messager& bus, const char* func, const redisReply* de
         return nullptr;
     }
     auto found = bus.segments.find(modality);
+    if (found != bus.segments.end() && !intact(*found->second)) {
+        // Shrunk under us: forget it and open it afresh, as if first used.
+        delete found->second;
+        bus.segments.erase(found);
+        found = bus.segments.end();
+    }
     if (found == bus.segments.end()) {
         std::unique_ptr<SharedMemory> segment(new SharedMemory(
             "/" + std::string(bus.bio_sample) + modality, sample_capacity(*image), false));
@@ -462,6 +477,9 @@ int Messager::bio_sample_send(const char* modality, BImage::Image* image)
         segment.release();
     }
     SharedMemory* segment = found->second;
+    // The segment is ours: when someone truncated it, restore it.
+    if (!intact(*segment))
+        segment->create();
     segment->write(image->data, pixel_length(*image), sample_header);
     const unsigned char* header = image->format_header();
     segment->write(header, sample_header, 0);

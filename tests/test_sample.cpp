@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -659,4 +661,47 @@ TEST(SampleFailures, ReadReportsAndKeepsOnlyUsableDescriptors)
     });
     expect_report(c, "bio_sample_read", "bad data type: 6, value is INT 0");
     EXPECT_EQ(redis_raw(server, "GET after"), "reconnected");
+}
+
+TEST(SampleFailures, SegmentTruncatedByAnotherProcessGivesInvalidNotSigbus)
+{
+    RedisServer server;
+    const std::string modality = unique_modality("TRUNC");
+    const std::string segment = "/" + list_key(modality);
+    bMSG::Messager sender(server.socket().c_str(), 0, 3);
+    Image image(64, 48, BImage::GRAY8, nullptr);
+    fill(image, 7);
+    char out[64];
+
+    Captured c = bmsg_test::run_captured([&] {
+        int rc = 0;
+        {
+            // The receiver maps the segment with its first image...
+            bMSG::Messager receiver(server.socket().c_str(), 0, 3);
+            if (sender.bio_sample_send(modality.c_str(), &image) != 0)
+                return 1;
+            ImagePtr first(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
+            if (!first || !filled_with(*first, 7))
+                return 2;
+            // ...then someone shrinks it; the next receive must not fault.
+            if (sender.bio_sample_send(modality.c_str(), &image) != 0)
+                return 3;
+            int fd = shm_open(segment.c_str(), O_RDWR, 0);
+            if (fd < 0 || ftruncate(fd, 0) != 0)
+                return 4;
+            close(fd);
+            ImagePtr second(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
+            if (second)
+                rc = 5;
+            // The owner restores its segment on the next send.
+            fill(image, 8);
+            if (sender.bio_sample_send(modality.c_str(), &image) != 0)
+                return 6;
+            ImagePtr third(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
+            if (!rc && (!third || !filled_with(*third, 8)))
+                rc = 7;
+        }
+        return leak_checked(rc);
+    });
+    expect_report(c, "bio_sample_recv", "shared memory is invalid");
 }
