@@ -1,6 +1,7 @@
 // Runs one Lua test script against a private redis-server:
 //   lua_runner <interpreter> <module-dir> <script> [args...]
-// The script finds the server through BMSG_TEST_PORT and BMSG_TEST_SOCKET,
+// The script finds the server through BMSG_TEST_PORT and BMSG_TEST_SOCKET
+// (and may kill it through BMSG_TEST_REDIS_PID: the runner reaps it),
 // a port nobody listens on through BMSG_TEST_DEAD_PORT,
 // the interpreter (for child runs) through BMSG_LUA, the bmsg module through
 // LUA_CPATH (<module-dir>/?.so) and the scripts' helpers through LUA_PATH.
@@ -67,6 +68,7 @@ int main(int argc, char** argv)
     const std::string script_dir = script.substr(0, script.rfind('/') + 1);
     setenv("BMSG_TEST_PORT", std::to_string(server.port()).c_str(), 1);
     setenv("BMSG_TEST_SOCKET", server.socket().c_str(), 1);
+    setenv("BMSG_TEST_REDIS_PID", std::to_string(server.pid()).c_str(), 1);
     setenv("BMSG_TEST_DEAD_PORT", std::to_string(bmsg_test::free_port()).c_str(), 1);
     setenv("BMSG_LUA", argv[1], 1);
     setenv("LUA_CPATH", (std::string(argv[2]) + "/?.so").c_str(), 1);

@@ -13,6 +13,7 @@ t.port = assert(tonumber(os.getenv("BMSG_TEST_PORT")), "BMSG_TEST_PORT")
 t.dead_port = assert(tonumber(os.getenv("BMSG_TEST_DEAD_PORT")), "BMSG_TEST_DEAD_PORT")
 t.socket = assert(os.getenv("BMSG_TEST_SOCKET"), "BMSG_TEST_SOCKET")
 t.lua = assert(os.getenv("BMSG_LUA"), "BMSG_LUA")
+t.redis_pid = assert(tonumber(os.getenv("BMSG_TEST_REDIS_PID")), "BMSG_TEST_REDIS_PID")
 
 function t.sleep(seconds)
   ffi.C.usleep(seconds * 1e6)

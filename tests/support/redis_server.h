@@ -25,6 +25,7 @@ public:
     // Starts it again on the same port and socket.
     void restart();
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
 
     uint16_t port() const { return port_; }
     const std::string& socket() const { return socket_; }
