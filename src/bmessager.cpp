@@ -60,6 +60,53 @@ bool build_template(char (&out)[template_size], const char* verb, const char* na
     return true;
 }
 
+SigpipeGuard::SigpipeGuard() : was_pending_(false)
+{
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &saved_);
+    // Unblocked before, SIGPIPE cannot be pending now: it would have been
+    // delivered. Only an application that blocks it itself can have one.
+    if (sigismember(&saved_, SIGPIPE)) {
+        sigset_t pending;
+        sigpending(&pending);
+        was_pending_ = sigismember(&pending, SIGPIPE);
+    }
+}
+
+SigpipeGuard::~SigpipeGuard()
+{
+    if (!was_pending_) {
+        sigset_t pending;
+        sigpending(&pending);
+        if (sigismember(&pending, SIGPIPE)) {
+            sigset_t pipe;
+            sigemptyset(&pipe);
+            sigaddset(&pipe, SIGPIPE);
+            const timespec now{0, 0};
+            while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
+            }
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+}
+
+Reply vcommand(redisContext* c, const char* format, va_list args)
+{
+    SigpipeGuard guard;
+    return take_reply(redisvCommand(c, format, args));
+}
+
+Reply command(redisContext* c, const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    Reply r = vcommand(c, format, ap);
+    va_end(ap);
+    return r;
+}
+
 namespace {
 
 // A value of `len` bytes fits a caller buffer of `size` bytes when it is
@@ -145,38 +192,35 @@ int Messager::set(const char* key, const char* value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %s", key, value)) ? 0 : -7;
+    return command(context, "SET %s %s", key, value) ? 0 : -7;
 }
 
 int Messager::set(const char* key, int value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %d", key, value)) ? 0 : -7;
+    return command(context, "SET %s %d", key, value) ? 0 : -7;
 }
 
 int Messager::set(const char* key, float value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %f", key, static_cast<double>(value))) ? 0 : -7;
+    return command(context, "SET %s %f", key, static_cast<double>(value)) ? 0 : -7;
 }
 
 int Messager::set(const char* key, unsigned long value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %llu", key,
-                                   static_cast<unsigned long long>(value)))
-               ? 0
-               : -7;
+    return command(context, "SET %s %llu", key, static_cast<unsigned long long>(value)) ? 0 : -7;
 }
 
 int Messager::get(const char* key, char* buffer, int size)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     // The length is compared as a signed 32-bit number, as callers expect.
@@ -190,7 +234,7 @@ int Messager::get(const char* key, int* value)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     if (r->type == REDIS_REPLY_INTEGER)
@@ -202,7 +246,7 @@ int Messager::get(const char* key, float* value)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     if (r->type == REDIS_REPLY_STRING)
@@ -214,7 +258,7 @@ int Messager::get(const char* key, unsigned long* value)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     if (r->type == REDIS_REPLY_INTEGER)
@@ -229,7 +273,7 @@ int Messager::list_send(const char* key, const char* format, va_list args)
     char cmd[template_size];
     if (!build_template(cmd, "LPUSH", key, format))
         return -2;
-    return take_reply(redisvCommand(context, cmd, args)) ? 0 : -2;
+    return vcommand(context, cmd, args) ? 0 : -2;
 }
 
 int Messager::list_send(const char* key, const char* format, ...)
@@ -246,8 +290,8 @@ int Messager::list_recv(const char* key, char* buffer, int size, int timeout, ch
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(timeout > 0 ? redisCommand(context, "BRPOP %s %d", key, timeout)
-                                     : redisCommand(context, "RPOP %s", key));
+    Reply r = timeout > 0 ? command(context, "BRPOP %s %d", key, timeout)
+                          : command(context, "RPOP %s", key);
     if (!r)
         return -3;
 
@@ -281,7 +325,7 @@ int Messager::list_size(const char* key)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "LLEN %s", key));
+    Reply r = command(context, "LLEN %s", key);
     return r ? static_cast<int>(r->integer) : -3;
 }
 
@@ -289,7 +333,7 @@ int Messager::list_clear(const char* key)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "DEL %s", key));
+    Reply r = command(context, "DEL %s", key);
     return r ? static_cast<int>(r->integer) : -3;
 }
 
@@ -334,7 +378,7 @@ int Messager::publish(const char* channel, const char* format, va_list args)
     char cmd[template_size];
     if (!build_template(cmd, "PUBLISH", channel, format))
         return -2;
-    Reply r = take_reply(redisvCommand(context, cmd, args));
+    Reply r = vcommand(context, cmd, args);
     return r ? static_cast<int>(r->integer) : -2;
 }
 
@@ -347,7 +391,7 @@ int Messager::publish(const char* channel, const char* format, ...)
         return -2;
     va_list ap;
     va_start(ap, format);
-    Reply r = take_reply(redisvCommand(context, cmd, ap));
+    Reply r = vcommand(context, cmd, ap);
     va_end(ap);
     if (!r) {
         BMSG_REPORT("publish", "publish error: %s", "reply is NULL");
@@ -363,7 +407,7 @@ int Messager::subscribe(const char* channel, MessageCallback callback)
 {
     if (!ensure_connected())
         return -1;
-    if (!take_reply(redisCommand(context, "SUBSCRIBE %s", channel)))
+    if (!command(context, "SUBSCRIBE %s", channel))
         return -3;
     for (;;) {
         void* raw = nullptr;
