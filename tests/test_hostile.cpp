@@ -310,6 +310,21 @@ TEST(ScriptedPeer, GetSetAndListRepliesOfEveryType)
         EXPECT_EQ(against(peer, broken, [](bMSG::Messager& m) { return m.bio_cmd_send("%s", "x"); }),
                   -2);
     }
+    // One connection, several commands: the peer answers each in turn, then
+    // holds the connection open.
+    peer.take_commands();
+    peer.answer_each({"+OK\r\n", "$2\r\nhi\r\n"}, false);
+    {
+        bMSG::Messager m(peer.socket().c_str(), 0, 1);
+        EXPECT_EQ(m.set("k", "hi"), 0);
+        memset(buf, '#', sizeof buf);
+        EXPECT_EQ(m.get("k", buf, 8), 0);
+        EXPECT_EQ(std::string(buf, 3), "hi#");
+    }
+    peer.wait_idle();
+    EXPECT_EQ(peer.take_commands(),
+              (std::vector<std::vector<std::string>>{{"SET", "k", "hi"}, {"GET", "k"}}));
+
     // Counts from replies of other types read as 0.
     EXPECT_EQ(against(peer, "$1\r\n7\r\n", [](bMSG::Messager& m) { return m.list_size("L"); }), 0);
     EXPECT_EQ(against(peer, "-ERR\r\n", [](bMSG::Messager& m) { return m.list_clear("L"); }), 0);

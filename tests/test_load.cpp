@@ -2,8 +2,7 @@
 // its producer and sequence number; the consumers write what they received
 // to files that the parent checks.
 //
-// BMSG_LOAD_MESSAGES sets the messages per producer (default 50000); the
-// sanitizer run of .ci/run lowers it.
+// BMSG_LOAD_MESSAGES sets the messages per producer (default 50000).
 #include "bmessager.h"
 #include "redis_server.h"
 

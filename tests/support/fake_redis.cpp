@@ -161,7 +161,7 @@ FakeRedis::~FakeRedis()
     rmdir(dir_.c_str());
 }
 
-void FakeRedis::answer(std::vector<std::string> replies, bool close_after)
+void FakeRedis::answer_each(std::vector<std::string> replies, bool close_after)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     scripts_.push_back({std::move(replies), close_after});
@@ -169,7 +169,7 @@ void FakeRedis::answer(std::vector<std::string> replies, bool close_after)
 
 void FakeRedis::answer(std::string reply, bool close_after)
 {
-    answer(std::vector<std::string>{std::move(reply)}, close_after);
+    answer_each({std::move(reply)}, close_after);
 }
 
 void FakeRedis::wait_idle()

@@ -27,9 +27,11 @@ public:
     FakeRedis(const FakeRedis&) = delete;
     FakeRedis& operator=(const FakeRedis&) = delete;
 
-    // Queues the script of the next connection. With no replies the peer
-    // accepts and drops (or holds) the connection without reading.
-    void answer(std::vector<std::string> replies, bool close_after = true);
+    // Queues the script of the next connection: one reply per command. With
+    // no replies the peer accepts and drops (or holds) the connection
+    // without reading.
+    void answer_each(std::vector<std::string> replies, bool close_after = true);
+    // A script of one reply.
     void answer(std::string reply, bool close_after = true);
 
     // Blocks until every queued script has been served.
