@@ -77,6 +77,53 @@ void close_on_exec(redisContext* c)
     fcntl(c->fd, F_SETFD, FD_CLOEXEC);
 }
 
+SigpipeGuard::SigpipeGuard() : was_pending_(false)
+{
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &saved_);
+    // Unblocked before, SIGPIPE cannot be pending now: it would have been
+    // delivered. Only an application that blocks it itself can have one.
+    if (sigismember(&saved_, SIGPIPE)) {
+        sigset_t pending;
+        sigpending(&pending);
+        was_pending_ = sigismember(&pending, SIGPIPE);
+    }
+}
+
+SigpipeGuard::~SigpipeGuard()
+{
+    if (!was_pending_) {
+        sigset_t pending;
+        sigpending(&pending);
+        if (sigismember(&pending, SIGPIPE)) {
+            sigset_t pipe;
+            sigemptyset(&pipe);
+            sigaddset(&pipe, SIGPIPE);
+            const timespec now{0, 0};
+            while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
+            }
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+}
+
+Reply vcommand(redisContext* c, const char* format, va_list args)
+{
+    SigpipeGuard guard;
+    return take_reply(redisvCommand(c, format, args));
+}
+
+Reply command(redisContext* c, const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    Reply r = vcommand(c, format, ap);
+    va_end(ap);
+    return r;
+}
+
 namespace {
 
 // A value of `len` bytes fits a caller buffer of `size` bytes when it is
@@ -227,38 +274,35 @@ int Messager::set(const char* key, const char* value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %s", key, value)) ? 0 : -7;
+    return command(context, "SET %s %s", key, value) ? 0 : -7;
 }
 
 int Messager::set(const char* key, int value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %d", key, value)) ? 0 : -7;
+    return command(context, "SET %s %d", key, value) ? 0 : -7;
 }
 
 int Messager::set(const char* key, float value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %f", key, static_cast<double>(value))) ? 0 : -7;
+    return command(context, "SET %s %f", key, static_cast<double>(value)) ? 0 : -7;
 }
 
 int Messager::set(const char* key, unsigned long value)
 {
     if (!ensure_connected())
         return -1;
-    return take_reply(redisCommand(context, "SET %s %llu", key,
-                                   static_cast<unsigned long long>(value)))
-               ? 0
-               : -7;
+    return command(context, "SET %s %llu", key, static_cast<unsigned long long>(value)) ? 0 : -7;
 }
 
 int Messager::get(const char* key, char* buffer, int size)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     // The length is compared as a signed 32-bit number, as callers expect.
@@ -272,7 +316,7 @@ int Messager::get(const char* key, int* value)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     if (r->type == REDIS_REPLY_INTEGER)
@@ -284,7 +328,7 @@ int Messager::get(const char* key, float* value)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     if (r->type == REDIS_REPLY_STRING)
@@ -296,7 +340,7 @@ int Messager::get(const char* key, unsigned long* value)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "GET %s", key));
+    Reply r = command(context, "GET %s", key);
     if (!r)
         return -8;
     if (r->type == REDIS_REPLY_INTEGER)
@@ -311,7 +355,7 @@ int Messager::list_send(const char* key, const char* format, va_list args)
     char cmd[template_size];
     if (!build_template(cmd, "LPUSH", key, format))
         return -2;
-    return take_reply(redisvCommand(context, cmd, args)) ? 0 : -2;
+    return vcommand(context, cmd, args) ? 0 : -2;
 }
 
 int Messager::list_send(const char* key, const char* format, ...)
@@ -328,8 +372,8 @@ int Messager::list_recv(const char* key, char* buffer, int size, int timeout, ch
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(timeout > 0 ? redisCommand(context, "BRPOP %s %d", key, timeout)
-                                     : redisCommand(context, "RPOP %s", key));
+    Reply r = timeout > 0 ? command(context, "BRPOP %s %d", key, timeout)
+                          : command(context, "RPOP %s", key);
     if (!r)
         return -3;
 
@@ -363,7 +407,7 @@ int Messager::list_size(const char* key)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "LLEN %s", key));
+    Reply r = command(context, "LLEN %s", key);
     return r ? static_cast<int>(r->integer) : -3;
 }
 
@@ -371,7 +415,7 @@ int Messager::list_clear(const char* key)
 {
     if (!ensure_connected())
         return -1;
-    Reply r = take_reply(redisCommand(context, "DEL %s", key));
+    Reply r = command(context, "DEL %s", key);
     return r ? static_cast<int>(r->integer) : -3;
 }
 
@@ -416,7 +460,7 @@ int Messager::publish(const char* channel, const char* format, va_list args)
     char cmd[template_size];
     if (!build_template(cmd, "PUBLISH", channel, format))
         return -2;
-    Reply r = take_reply(redisvCommand(context, cmd, args));
+    Reply r = vcommand(context, cmd, args);
     return r ? static_cast<int>(r->integer) : -2;
 }
 
@@ -429,7 +473,7 @@ int Messager::publish(const char* channel, const char* format, ...)
         return -2;
     va_list ap;
     va_start(ap, format);
-    Reply r = take_reply(redisvCommand(context, cmd, ap));
+    Reply r = vcommand(context, cmd, ap);
     va_end(ap);
     if (!r) {
         BMSG_REPORT("publish", "publish error: %s", "reply is NULL");
@@ -445,7 +489,7 @@ int Messager::subscribe(const char* channel, MessageCallback callback)
 {
     if (!ensure_connected())
         return -1;
-    if (!take_reply(redisCommand(context, "SUBSCRIBE %s", channel)))
+    if (!command(context, "SUBSCRIBE %s", channel))
         return -3;
     for (;;) {
         void* raw = nullptr;
@@ -491,7 +535,7 @@ BImage::Image* Messager::bio_sample_recv(const char* modality, int timeout)
     if (!ensure_connected())
         return nullptr;
     const std::string key = bio_sample + std::string(modality);
-    Reply r = take_reply(redisCommand(context, "BRPOP %s %d", key.c_str(), timeout));
+    Reply r = command(context, "BRPOP %s %d", key.c_str(), timeout);
     if (!r || r->type == REDIS_REPLY_NIL)
         return nullptr;
     if (r->type != REDIS_REPLY_STRING) {
@@ -513,7 +557,7 @@ BImage::Image* Messager::bio_sample_recv(std::vector<const char*> modalities, in
     std::string keys;
     for (const char* m : modalities)
         keys += " " + std::string(bio_sample) + m;
-    Reply r = take_reply(redisCommand(context, "BRPOP %s %d", keys.c_str() + 1, timeout));
+    Reply r = command(context, "BRPOP %s %d", keys.c_str() + 1, timeout);
     if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 2)
         return nullptr;
 
@@ -548,7 +592,7 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
     if (!ensure_connected())
         return nullptr;
     const std::string key = bio_sample + std::string(modality);
-    Reply r = take_reply(redisCommand(context, "LRANGE %s -1 -1", key.c_str()));
+    Reply r = command(context, "LRANGE %s -1 -1", key.c_str());
     if (!r || r->type == REDIS_REPLY_NIL)
         return nullptr;
     if (r->type != REDIS_REPLY_ARRAY) {
@@ -570,7 +614,7 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
     BImage::Image* image = load_sample(*this, "bio_sample_read", descriptor, modality, &missing);
     // A descriptor whose segment is gone would be read again and again.
     if (missing)
-        take_reply(redisCommand(context, "RPOP %s", key.c_str()));
+        command(context, "RPOP %s", key.c_str());
     return image;
 }
 

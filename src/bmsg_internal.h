@@ -4,6 +4,9 @@
 
 #include <hiredis/hiredis.h>
 
+#include <signal.h>
+
+#include <cstdarg>
 #include <cstddef>
 #include <memory>
 
@@ -27,6 +30,27 @@ struct ReplyFree {
 using Reply = std::unique_ptr<redisReply, ReplyFree>;
 
 inline Reply take_reply(void* r) { return Reply(static_cast<redisReply*>(r)); }
+
+// Keeps SIGPIPE blocked for the calling thread while it lives. hiredis writes
+// with write(), so a command sent after the server went away (always on a
+// Unix socket, on TCP once the peer has reset) would raise SIGPIPE and kill
+// the process; blocked, the write fails with EPIPE and the command gets no
+// reply. A SIGPIPE raised meanwhile is discarded; one already pending stays.
+class SigpipeGuard {
+public:
+    SigpipeGuard();
+    ~SigpipeGuard();
+    SigpipeGuard(const SigpipeGuard&) = delete;
+    SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+private:
+    sigset_t saved_;
+    bool was_pending_;
+};
+
+// redisCommand / redisvCommand under a SigpipeGuard; the reply is owned.
+Reply command(redisContext* c, const char* format, ...);
+Reply vcommand(redisContext* c, const char* format, va_list args);
 
 struct ContextFree {
     void operator()(redisContext* c) const { redisFree(c); }

@@ -209,7 +209,7 @@ struct Listener {
             return;
         }
         bMSG::close_on_exec(c.get());
-        if (!bMSG::take_reply(redisCommand(c.get(), "SUBSCRIBE %s", channel.c_str()))) {
+        if (!bMSG::command(c.get(), "SUBSCRIBE %s", channel.c_str())) {
             BMSG_REPORT("operator()", "Command error: %s", c->errstr);
             return;
         }
@@ -252,7 +252,7 @@ int messager_get(lua_State* L)
     redisContext* c = m->redis_context();
     if (!c)
         return fail(L, "redis connection is NULL");
-    bMSG::Reply r = bMSG::take_reply(redisCommand(c, "GET %s", key));
+    bMSG::Reply r = bMSG::command(c, "GET %s", key);
     if (!r)
         return fail(L, "redis reply is NULL");
     return push_reply(L, r.get());

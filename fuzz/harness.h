@@ -1,0 +1,119 @@
+// What the fuzz targets share: one scripted Redis peer that answers the
+// library's command with the fuzzed bytes and closes the connection, a
+// reader for the call's parameters at the front of an input, the reply a
+// correct client makes of the same bytes, and a check that aborts (so that
+// libFuzzer keeps the input) when the library breaks its contract.
+//
+// Adding a target: one source file fuzz/<name>.cpp defining
+// LLVMFuzzerTestOneInput, the line bmsg_fuzz_target(<name>) in
+// fuzz/CMakeLists.txt, and a few seeds in fuzz/corpus/<name>/.
+#ifndef BMSG_FUZZ_HARNESS_H
+#define BMSG_FUZZ_HARNESS_H
+
+#include "bmessager.h"
+#include "fake_redis.h"
+
+#include <hiredis/hiredis.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bmsg_fuzz {
+
+// The peer serves every input of the run, one connection each.
+inline bmsg_test::FakeRedis& peer()
+{
+    static bmsg_test::FakeRedis instance;
+    return instance;
+}
+
+// Takes parameters off the front of an input; what is left is the reply.
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+    // The next byte, 0 once the input is used up.
+    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+
+    std::string rest()
+    {
+        std::string r(reinterpret_cast<const char*>(data_) + pos_, size_ - pos_);
+        pos_ = size_;
+        return r;
+    }
+
+private:
+    const uint8_t* data_;
+    size_t size_;
+    size_t pos_ = 0;
+};
+
+// Runs `call` on a fresh Messager whose first command the peer answers with
+// `reply` before closing; returns once the peer is done with the connection.
+template <class Call>
+int exchange(const std::string& reply, Call call)
+{
+    peer().answer(reply);
+    int rc;
+    {
+        bMSG::Messager m(peer().socket().c_str(), 0, 1);
+        rc = call(m);
+    }
+    peer().wait_idle();
+    return rc;
+}
+
+// The commands the library sent for the last exchange.
+inline std::vector<std::vector<std::string>> sent() { return peer().take_commands(); }
+
+struct ReplyFree {
+    void operator()(redisReply* r) const { freeReplyObject(r); }
+};
+using Parsed = std::unique_ptr<redisReply, ReplyFree>;
+
+// The first whole reply in `bytes`, or null when they hold none (cut off or
+// malformed): then the library must report that no reply came.
+inline Parsed parse(const std::string& bytes)
+{
+    redisReader* reader = redisReaderCreate();
+    void* reply = nullptr;
+    if (redisReaderFeed(reader, bytes.data(), bytes.size()) != REDIS_OK ||
+        redisReaderGetReply(reader, &reply) != REDIS_OK)
+        reply = nullptr;
+    redisReaderFree(reader);
+    return Parsed(static_cast<redisReply*>(reply));
+}
+
+// A heap block of exactly `size` bytes (none for 0) filled with `fill`, so
+// that the sanitizer catches any write past it and the test any write in it.
+inline std::unique_ptr<char[]> block(size_t size, char fill)
+{
+    std::unique_ptr<char[]> b(new char[size]);
+    std::fill(b.get(), b.get() + size, fill);
+    return b;
+}
+
+inline bool untouched(const char* p, size_t from, size_t to, char fill)
+{
+    for (size_t i = from; i < to; ++i)
+        if (p[i] != fill)
+            return false;
+    return true;
+}
+
+[[noreturn]] inline void fail(const char* what, const char* file, int line)
+{
+    fprintf(stderr, "%s:%d: contract broken: %s\n", file, line, what);
+    abort();
+}
+
+} // namespace bmsg_fuzz
+
+#define BMSG_FUZZ_CHECK(cond) ((cond) ? (void)0 : ::bmsg_fuzz::fail(#cond, __FILE__, __LINE__))
+
+#endif
