@@ -4,6 +4,7 @@
 
 #include "bmessager.h"
 
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -29,6 +30,14 @@ inline std::unique_ptr<bMSG::Messager> messager(bool unix_socket)
 {
     return std::make_unique<bMSG::Messager>(unix_socket ? env("BMSG_BENCH_SOCKET") : "127.0.0.1",
                                             static_cast<uint16_t>(atoi(env("BMSG_BENCH_PORT"))), 1);
+}
+
+// Monotonic time in nanoseconds, comparable across processes.
+inline int64_t now_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
 }
 
 // Resident set size of this process in KiB.

@@ -4,7 +4,6 @@
 
 #include <benchmark/benchmark.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -12,13 +11,6 @@
 namespace {
 
 constexpr int messages = 100000;
-
-int64_t now_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
-}
 
 // Waits until the listener is subscribed (its warm-up messages are not
 // counted), publishes `messages` messages one request at a time, and reads
@@ -29,7 +21,7 @@ void publish_and_time(benchmark::State& state, const char* channel, int from, pi
     while (m->publish(channel, "%s", "warm-up") < 1)
         usleep(1000);
     for (auto _ : state) {
-        const int64_t start = now_ns();
+        const int64_t start = bench::now_ns();
         for (int i = 0; i < messages; ++i)
             m->publish(channel, "%s", "m");
         char line[64] = {};
@@ -76,7 +68,7 @@ void native_subscription(benchmark::State& state)
         int got = 0;
         m->subscribe("bench:native", [&](const char*, const char* p, size_t, void*) {
             if (p[0] == 'm' && ++got == messages) {
-                const std::string line = std::to_string(now_ns()) + "\n";
+                const std::string line = std::to_string(bench::now_ns()) + "\n";
                 _exit(write(out[1], line.data(), line.size()) > 0 ? 0 : 1);
             }
         });

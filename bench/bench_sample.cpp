@@ -7,7 +7,6 @@
 
 #include <benchmark/benchmark.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,13 +17,6 @@
 namespace {
 
 constexpr int transfers = 300;
-
-int64_t now_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
-}
 
 // Median, 99th percentile (microseconds) and transfers per second.
 void report(benchmark::State& state, std::vector<double> lat_us, double seconds)
@@ -59,7 +51,7 @@ void transfer_loop(benchmark::State& state, int count, Send send, Receive receiv
         for (int i = 0; i < count; ++i) {
             if (!receive())
                 _exit(1);
-            int64_t t = now_ns();
+            int64_t t = bench::now_ns();
             if (write(times[1], &t, sizeof t) != sizeof t)
                 _exit(2);
         }
@@ -67,10 +59,10 @@ void transfer_loop(benchmark::State& state, int count, Send send, Receive receiv
     }
     close(times[1]);
     std::vector<double> lat;
-    const int64_t start = now_ns();
+    const int64_t start = bench::now_ns();
     for (auto _ : state) {
         for (int i = 0; i < count; ++i) {
-            const int64_t t0 = now_ns();
+            const int64_t t0 = bench::now_ns();
             send();
             int64_t t1;
             if (read(times[0], &t1, sizeof t1) != sizeof t1) {
@@ -80,7 +72,7 @@ void transfer_loop(benchmark::State& state, int count, Send send, Receive receiv
             lat.push_back(static_cast<double>(t1 - t0) / 1000.0);
         }
     }
-    const double seconds = static_cast<double>(now_ns() - start) / 1e9;
+    const double seconds = static_cast<double>(bench::now_ns() - start) / 1e9;
     close(times[0]);
     waitpid(child, nullptr, 0);
     if (!lat.empty())
@@ -142,18 +134,18 @@ void sample_floor(benchmark::State& state)
     std::vector<unsigned char> a(bytes, 0x5a), b(bytes), c(bytes);
     auto m = bench::messager(true);
     std::vector<double> lat;
-    const int64_t start = now_ns();
+    const int64_t start = bench::now_ns();
     for (auto _ : state) {
         for (int i = 0; i < transfers; ++i) {
-            const int64_t t0 = now_ns();
+            const int64_t t0 = bench::now_ns();
             memcpy(b.data(), a.data(), bytes);
             memcpy(c.data(), b.data(), bytes);
             benchmark::DoNotOptimize(c.data());
             m->list_size("bench:floor");
-            lat.push_back(static_cast<double>(now_ns() - t0) / 1000.0);
+            lat.push_back(static_cast<double>(bench::now_ns() - t0) / 1000.0);
         }
     }
-    report(state, lat, static_cast<double>(now_ns() - start) / 1e9);
+    report(state, lat, static_cast<double>(bench::now_ns() - start) / 1e9);
 }
 
 // Resident size of the receiving process across ten thousand transfers.

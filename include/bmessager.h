@@ -32,6 +32,7 @@
 #endif
 
 struct redisContext;
+struct redisReply;
 
 namespace BImage {
 class Image;
@@ -202,6 +203,7 @@ private:
     uint16_t port;
 
     bool ensure_connected();
+    redisReply* fetch(const char* key, int* rc);
 
 public:
     // Named channels: Redis keys and channels the processes address each

@@ -69,6 +69,7 @@ public:
 
 private:
     void map();
+    void release();
 };
 
 } // namespace bMSG

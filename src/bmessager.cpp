@@ -298,54 +298,55 @@ int Messager::set(const char* key, unsigned long value)
     return command(context, "SET %s %llu", key, static_cast<unsigned long long>(value)) ? 0 : -7;
 }
 
+// The steps every get shares: connect, GET, and the code for a missing
+// reply. The caller owns the reply.
+redisReply* Messager::fetch(const char* key, int* rc)
+{
+    if (!ensure_connected()) {
+        *rc = -1;
+        return nullptr;
+    }
+    redisReply* r = command(context, "GET %s", key).release();
+    *rc = r ? 0 : -8;
+    return r;
+}
+
 int Messager::get(const char* key, char* buffer, int size)
 {
-    if (!ensure_connected())
-        return -1;
-    Reply r = command(context, "GET %s", key);
-    if (!r)
-        return -8;
+    int rc;
+    Reply r(fetch(key, &rc));
     // The length is compared as a signed 32-bit number, as callers expect.
-    if (r->type == REDIS_REPLY_STRING && r->len > 0 && r->len <= INT32_MAX &&
+    if (r && r->type == REDIS_REPLY_STRING && r->len > 0 && r->len <= INT32_MAX &&
         static_cast<int>(r->len) < size)
         memcpy(buffer, r->str, r->len);
-    return 0;
+    return rc;
 }
 
 int Messager::get(const char* key, int* value)
 {
-    if (!ensure_connected())
-        return -1;
-    Reply r = command(context, "GET %s", key);
-    if (!r)
-        return -8;
-    if (r->type == REDIS_REPLY_INTEGER)
+    int rc;
+    Reply r(fetch(key, &rc));
+    if (r && r->type == REDIS_REPLY_INTEGER)
         *value = static_cast<int>(static_cast<uint32_t>(r->integer));
-    return 0;
+    return rc;
 }
 
 int Messager::get(const char* key, float* value)
 {
-    if (!ensure_connected())
-        return -1;
-    Reply r = command(context, "GET %s", key);
-    if (!r)
-        return -8;
-    if (r->type == REDIS_REPLY_STRING)
+    int rc;
+    Reply r(fetch(key, &rc));
+    if (r && r->type == REDIS_REPLY_STRING)
         *value = static_cast<float>(strtod(r->str, nullptr));
-    return 0;
+    return rc;
 }
 
 int Messager::get(const char* key, unsigned long* value)
 {
-    if (!ensure_connected())
-        return -1;
-    Reply r = command(context, "GET %s", key);
-    if (!r)
-        return -8;
-    if (r->type == REDIS_REPLY_INTEGER)
+    int rc;
+    Reply r(fetch(key, &rc));
+    if (r && r->type == REDIS_REPLY_INTEGER)
         *value = static_cast<unsigned long>(r->integer);
-    return 0;
+    return rc;
 }
 
 int Messager::list_send(const char* key, const char* format, va_list args)

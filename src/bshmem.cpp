@@ -72,10 +72,8 @@ SharedMemory::SharedMemory(const std::string& name_, size_t capacity, bool creat
     struct stat st;
     if (fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= size)
         map();
-    if (!addr) {
-        ::close(fd);
-        fd = -1;
-    }
+    if (!addr)
+        release();
 }
 
 SharedMemory::~SharedMemory()
@@ -94,31 +92,23 @@ void SharedMemory::map()
 
 void SharedMemory::create()
 {
-    if (addr)
-        munmap(addr, size);
-    if (fd != -1)
-        ::close(fd);
-    addr = nullptr;
-    mutex = nullptr;
-
+    release();
     fd = shm_open(name.c_str(), O_CREAT | O_RDWR, 0666);
     if (fd == -1) {
         perror("shm_open");
         throw std::runtime_error("Failed to create shared memory: " + name);
     }
-    if (ftruncate(fd, static_cast<off_t>(size)) == -1) {
-        ::close(fd);
-        fd = -1;
+    // A half-made segment is removed again, under the name we gave it.
+    auto fail = [this](const char* what) {
+        release();
         shm_unlink(name.c_str());
-        throw std::runtime_error("Failed to set size of shared memory");
-    }
+        throw std::runtime_error(what);
+    };
+    if (ftruncate(fd, static_cast<off_t>(size)) == -1)
+        fail("Failed to set size of shared memory");
     map();
-    if (!addr) {
-        ::close(fd);
-        fd = -1;
-        shm_unlink(name.c_str());
-        throw std::runtime_error("Failed to map shared memory");
-    }
+    if (!addr)
+        fail("Failed to map shared memory");
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
@@ -150,6 +140,13 @@ void SharedMemory::read(void* buf, size_t len, size_t offset)
 void SharedMemory::close()
 {
     const bool was_open = fd != -1;
+    release();
+    if (owner && was_open)
+        shm_unlink(name.c_str());
+}
+
+void SharedMemory::release()
+{
     if (addr)
         munmap(addr, size);
     if (fd != -1)
@@ -157,8 +154,6 @@ void SharedMemory::close()
     addr = nullptr;
     mutex = nullptr;
     fd = -1;
-    if (owner && was_open)
-        shm_unlink(name.c_str());
 }
 
 } // namespace bMSG

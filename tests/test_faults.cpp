@@ -22,25 +22,12 @@ using bmsg_test::Captured;
 using bmsg_test::RedisServer;
 using bmsg_test::redis_raw;
 using bmsg_test::run_captured;
+using bmsg_test::seconds_since;
+using bmsg_test::wait_until;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
-bool wait_until(const std::function<bool()>& done)
-{
-    for (int i = 0; i < 1000; ++i) {
-        if (done())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
 
 // Every fault runs over TCP and over the Unix socket.
 class ServerKilled : public ::testing::TestWithParam<bool> {
@@ -102,7 +89,7 @@ TEST_P(ServerKilled, BlockedPopAndSubscribeReturnAtOnceAndANewMessagerWorksAfter
                 ++got;
         });
     });
-    ASSERT_TRUE(wait_until([&] { return redis_raw(server, "PUBSUB NUMSUB C") == "C\n1"; }));
+    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "C", 1));
     EXPECT_EQ(fresh.publish("C", "%s", "hello"), 1);
     EXPECT_TRUE(wait_until([&] { return got.load() == 1; }));
     server.stop(SIGKILL);

@@ -18,15 +18,11 @@ using bmsg_test::Captured;
 using bmsg_test::RedisServer;
 using bmsg_test::redis_raw;
 using bmsg_test::run_captured;
+using bmsg_test::seconds_since;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
 
 int count_of(const std::string& text, const std::string& what)
 {
@@ -36,17 +32,6 @@ int count_of(const std::string& text, const std::string& what)
     return n;
 }
 
-// Waits until `channel` has `n` subscribers on the server.
-void wait_subscribers(const RedisServer& server, const char* channel, int n)
-{
-    for (int i = 0; i < 500; ++i) {
-        std::string r = redis_raw(server, "PUBSUB NUMSUB %s", channel);
-        if (r == std::string(channel) + "\n" + std::to_string(n))
-            return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    FAIL() << "no subscriber on " << channel;
-}
 
 // Each bus test runs over TCP and over the Unix socket path.
 class Bus : public ::testing::TestWithParam<bool> {
@@ -290,7 +275,7 @@ TEST_P(Bus, PublishCountsSubscribersAndSubscribeDeliversInOrder)
                               }),
                   0);
     });
-    wait_subscribers(server, "SYSTEM_STATUS", 1);
+    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "SYSTEM_STATUS", 1));
     EXPECT_EQ(m.system_publish("%s", "ready now"), 1);
     EXPECT_EQ(m.publish("SYSTEM_STATUS", "%s", "second"), 1);
     EXPECT_EQ(m.publish("SYSTEM_STATUS", "%b", "z\0z", static_cast<size_t>(3)), 1);
@@ -325,7 +310,7 @@ TEST(PublishSubscribe, EmptyCallbackThrowsOnFirstMessage)
             threw = true;
         }
     });
-    wait_subscribers(server, "C", 1);
+    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "C", 1));
     EXPECT_FALSE(threw.load()) << "not at the call";
     m.publish("C", "%s", "x");
     sub.join();
@@ -373,7 +358,7 @@ TEST(LostConnection, SubscribeReturnsZeroWhenTheServerGoes)
         bMSG::Messager s(server.socket().c_str(), 0, 1);
         rc = s.subscribe("C", [](const char*, const char*, size_t, void*) {});
     });
-    wait_subscribers(server, "C", 1);
+    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "C", 1));
     server.stop();
     sub.join();
     EXPECT_EQ(rc.load(), 0);

@@ -195,4 +195,25 @@ std::string redis_raw(const RedisServer& server, const char* format, ...)
     return text;
 }
 
+double seconds_since(std::chrono::steady_clock::time_point t)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
+}
+
+bool wait_until(const std::function<bool()>& done)
+{
+    for (int i = 0; i < 1000; ++i) {
+        if (done())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+bool wait_subscribers(const RedisServer& server, const char* channel, int n)
+{
+    const std::string want = std::string(channel) + "\n" + std::to_string(n);
+    return wait_until([&] { return redis_raw(server, "PUBSUB NUMSUB %s", channel) == want; });
+}
+
 } // namespace bmsg_test

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -54,6 +55,15 @@ Captured run_captured(const std::function<int()>& fn);
 // (string, status, error, integer in decimal; "(nil)" for nil; arrays as
 // their elements joined by '\n').
 std::string redis_raw(const RedisServer& server, const char* format, ...);
+
+// Seconds since t on the steady clock.
+double seconds_since(std::chrono::steady_clock::time_point t);
+
+// Polls `done` every 10 ms for up to 10 s; whether it came true.
+bool wait_until(const std::function<bool()>& done);
+
+// Waits until `channel` has `n` subscribers on the server.
+bool wait_subscribers(const RedisServer& server, const char* channel, int n);
 
 } // namespace bmsg_test
 
