@@ -89,6 +89,30 @@ inline Parsed parse(const std::string& bytes)
     return Parsed(static_cast<redisReply*>(reply));
 }
 
+// `bytes` cut into the whole replies they hold, in order, for a peer that
+// answers several commands; what follows the last whole reply (cut off or
+// malformed) is the last piece, which answers no command.
+inline std::vector<std::string> split_replies(const std::string& bytes)
+{
+    std::vector<std::string> pieces;
+    redisReader* reader = redisReaderCreate();
+    size_t done = 0;
+    if (redisReaderFeed(reader, bytes.data(), bytes.size()) == REDIS_OK) {
+        void* reply = nullptr;
+        while (redisReaderGetReply(reader, &reply) == REDIS_OK && reply) {
+            freeReplyObject(reply);
+            reply = nullptr;
+            const size_t end = bytes.size() - (reader->len - reader->pos);
+            pieces.push_back(bytes.substr(done, end - done));
+            done = end;
+        }
+    }
+    redisReaderFree(reader);
+    if (done < bytes.size())
+        pieces.push_back(bytes.substr(done));
+    return pieces;
+}
+
 // A heap block of exactly `size` bytes (none for 0) filled with `fill`, so
 // that the sanitizer catches any write past it and the test any write in it.
 inline std::unique_ptr<char[]> block(size_t size, char fill)
@@ -106,9 +130,20 @@ inline bool untouched(const char* p, size_t from, size_t to, char fill)
     return true;
 }
 
+// Run by a failed check before it aborts: a target's clean-up of what
+// outlives the process (shared-memory segments), which no exit handler does
+// once libFuzzer has caught the abort.
+inline void (*&on_failure())()
+{
+    static void (*hook)() = nullptr;
+    return hook;
+}
+
 [[noreturn]] inline void fail(const char* what, const char* file, int line)
 {
     fprintf(stderr, "%s:%d: contract broken: %s\n", file, line, what);
+    if (on_failure())
+        on_failure()();
     abort();
 }
 
