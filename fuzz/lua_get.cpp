@@ -109,6 +109,8 @@ void new_messager(lua_State* L)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string reply(reinterpret_cast<const char*>(data), size);
+    if (bmsg_fuzz::declares_huge_array(reply))
+        return -1;
     const Parsed r = bmsg_fuzz::parse(reply);
 
     bmsg_fuzz::peer().answer(reply);
