@@ -23,12 +23,15 @@
 #include "bshmem.h"
 #include "harness.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -58,6 +61,7 @@ struct Segments {
         char t[16];
         snprintf(t, sizeof t, "F%07d", static_cast<int>(getpid() % 10000000));
         tag = t;
+        remove_stale();
         add('A', 4096);
         add('B', 48);
     }
@@ -70,6 +74,25 @@ struct Segments {
         for (size_t i = 0; i < capacity; ++i)
             payload[i] = pattern(modality, i);
         owned.back()->write(payload.data(), capacity, 0);
+    }
+
+    // Segments of runs that were killed, by a process that is gone.
+    static void remove_stale()
+    {
+        DIR* dir = opendir("/dev/shm");
+        if (!dir)
+            return;
+        while (const dirent* entry = readdir(dir)) {
+            int pid = 0;
+            char letter = 0;
+            char end = 0;
+            const std::string format = prefix + "F%7d%c%c";
+            if (sscanf(entry->d_name, format.c_str(), &pid, &letter, &end) == 2 &&
+                strlen(entry->d_name) == prefix.size() + 9 && (letter == 'A' || letter == 'B') &&
+                kill(pid, 0) != 0 && errno == ESRCH)
+                shm_unlink(("/" + std::string(entry->d_name)).c_str());
+        }
+        closedir(dir);
     }
 
     void unlink()
