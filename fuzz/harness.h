@@ -102,7 +102,8 @@ inline bool declares_huge_array(const std::string& bytes)
             continue;
         size_t n = 0;
         const size_t digits = i + 1 < bytes.size() && bytes[i + 1] == '+' ? i + 2 : i + 1;
-        for (size_t j = digits; j < bytes.size() && isdigit(static_cast<unsigned char>(bytes[j])); ++j)
+        for (size_t j = digits; j < bytes.size() && isdigit(static_cast<unsigned char>(bytes[j]));
+             ++j)
             if ((n = n * 10 + static_cast<size_t>(bytes[j] - '0')) > bytes.size())
                 return true;
     }

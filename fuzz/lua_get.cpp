@@ -28,6 +28,12 @@ bool is_number(lua_State* L, int index, lua_Number value)
     return lua_type(L, index) == LUA_TNUMBER && lua_tonumber(L, index) == value;
 }
 
+// An integer reply as Lua holds it after lua_pushinteger.
+lua_Number as_number(long long integer)
+{
+    return static_cast<lua_Number>(static_cast<lua_Integer>(integer));
+}
+
 bool is_failure(lua_State* L, int results, const char* message)
 {
     return results == 2 && lua_isnil(L, -2) && is_string(L, -1, message, strlen(message));
@@ -47,7 +53,7 @@ bool is_table_of(lua_State* L, const redisReply* r)
         if (e->type == REDIS_REPLY_STRING)
             same = same && is_string(L, -1, e->str, e->len);
         else if (e->type == REDIS_REPLY_INTEGER)
-            same = same && is_number(L, -1, static_cast<lua_Number>(static_cast<lua_Integer>(e->integer)));
+            same = same && is_number(L, -1, as_number(e->integer));
         else
             same = same && lua_isnil(L, -1);
         kept += e->type == REDIS_REPLY_STRING || e->type == REDIS_REPLY_INTEGER;
@@ -70,8 +76,7 @@ bool converted(lua_State* L, int results, const redisReply* r)
     case REDIS_REPLY_STRING:
         return results == 1 && is_string(L, -1, r->str, r->len);
     case REDIS_REPLY_INTEGER:
-        return results == 1 &&
-               is_number(L, -1, static_cast<lua_Number>(static_cast<lua_Integer>(r->integer)));
+        return results == 1 && is_number(L, -1, as_number(r->integer));
     case REDIS_REPLY_NIL:
         return results == 1 && lua_isnil(L, -1);
     case REDIS_REPLY_STATUS:

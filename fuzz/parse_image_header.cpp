@@ -58,9 +58,11 @@ uint32_t pixel_bytes(uint32_t width, uint32_t height, int32_t format)
 
 bool is_header(const unsigned char* h)
 {
+    const auto format = static_cast<int32_t>(le32(h + 16));
+    const uint32_t length = pixel_bytes(le32(h + 8), le32(h + 12), format);
     return memcmp(h, "BIMG", 4) == 0 && h[4] == 1 && h[5] == 0 && h[6] == header_size &&
-           h[7] == 0 && le32(h + 24) == 0 && le32(h + 28) == fnv1a(h, 28) &&
-           le32(h + 20) == pixel_bytes(le32(h + 8), le32(h + 12), static_cast<int32_t>(le32(h + 16)));
+           h[7] == 0 && le32(h + 20) == length && le32(h + 24) == 0 &&
+           le32(h + 28) == fnv1a(h, 28);
 }
 
 void check(const unsigned char* h)
