@@ -30,6 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const int overload = in.byte() % 4;
     const int buf_size = in.byte();
     const std::string reply = in.rest();
+    if (bmsg_fuzz::declares_huge_array(reply))
+        return -1;
     const Parsed r = bmsg_fuzz::parse(reply);
     const int type = r ? r->type : -1;
 

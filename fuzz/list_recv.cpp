@@ -20,6 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const int buf_size = any_size ? -1 : in.byte();
     const int key_size = static_cast<int8_t>(in.byte());
     const std::string reply = in.rest();
+    if (bmsg_fuzz::declares_huge_array(reply))
+        return -1;
 
     // A negative size admits any length: the caller then knows its buffer
     // holds whatever can come, here the whole reply.

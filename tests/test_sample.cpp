@@ -704,4 +704,66 @@ TEST(SampleFailures, SegmentTruncatedByAnotherProcessGivesInvalidNotSigbus)
         return leak_checked(rc);
     });
     expect_report(c, "bio_sample_recv", "shared memory is invalid");
+    // The sends ran in the child, whose copy of the sender never unlinks.
+    shm_unlink(segment.c_str());
+}
+
+namespace {
+
+// Three descriptors of an image filled with seed 11 are queued for
+// `modality`; a receiver maps the segment with the first, then `unlink`
+// removes the segment's name. That receiver loads the next one from its
+// mapping; a receiver that had not mapped the segment reports it invalid.
+void expect_only_mapped_receivers_load(const RedisServer& server, const std::string& modality,
+                                       const std::function<void()>& unlink)
+{
+    char out[64];
+    bMSG::Messager mapped(server.socket().c_str(), 0, 3);
+    ImagePtr first(mapped.bio_sample_recv({modality.c_str()}, 20, out, sizeof out));
+    ASSERT_TRUE(first && filled_with(*first, 11));
+    unlink();
+    EXPECT_FALSE(segment_exists(modality));
+    ASSERT_EQ(list_length(server, modality), 2);
+
+    ImagePtr second(mapped.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
+    EXPECT_TRUE(second && filled_with(*second, 11));
+    expect_report(in_child(server, [&](bMSG::Messager& bus) {
+                      return bus.bio_sample_recv({modality.c_str()}, 5, out, sizeof out);
+                  }),
+                  "bio_sample_recv", "shared memory is invalid");
+    EXPECT_EQ(list_length(server, modality), 0) << "the failed receive lost its descriptor";
+}
+
+} // namespace
+
+TEST(SampleFailures, UnlinkedSegmentStillServesReceiversThatMappedIt)
+{
+    RedisServer server;
+    Image image(32, 24, BImage::GRAY8, nullptr);
+    fill(image, 11);
+
+    // The sender process exits, its Messager unlinking the segment, while
+    // descriptors are still queued.
+    const std::string gone = unique_modality("GONE");
+    const pid_t sender = fork_child([&] {
+        bMSG::Messager bus(server.socket().c_str(), 0, 3);
+        for (int i = 0; i < 3; ++i)
+            if (bus.bio_sample_send(gone.c_str(), &image) != 0)
+                return 1;
+        char go[8];
+        return bus.list_recv("GO", go, sizeof go, 20, nullptr, 0) == 2 ? 0 : 2;
+    });
+    expect_only_mapped_receivers_load(server, gone, [&] {
+        redis_raw(server, "LPUSH GO go");
+        EXPECT_EQ(wait_child(sender), 0);
+    });
+
+    // Someone else removes the name while the sender lives on.
+    const std::string unlinked = unique_modality("UNLINKED");
+    bMSG::Messager bus(server.socket().c_str(), 0, 3);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(bus.bio_sample_send(unlinked.c_str(), &image), 0);
+    expect_only_mapped_receivers_load(server, unlinked, [&] {
+        EXPECT_EQ(shm_unlink(("/" + list_key(unlinked)).c_str()), 0);
+    });
 }
