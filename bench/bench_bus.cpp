@@ -3,6 +3,7 @@
 #include "bench_common.h"
 
 #include <benchmark/benchmark.h>
+#include <hiredis/hiredis.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -79,6 +80,32 @@ void bus_publish(benchmark::State& state, bool unix_socket)
     listener.join();
 }
 
+// The same SET and GET written directly on hiredis: what a blocking client
+// costs without the library.
+void hiredis_command(benchmark::State& state, bool unix_socket, const char* command)
+{
+    redisContext* c = unix_socket ? redisConnectUnix(bench::env("BMSG_BENCH_SOCKET"))
+                                  : redisConnect("127.0.0.1", atoi(bench::env("BMSG_BENCH_PORT")));
+    for (auto _ : state) {
+        void* r = redisCommand(c, command);
+        if (!r)
+            state.SkipWithError("no reply");
+        freeReplyObject(r);
+    }
+    redisFree(c);
+    state.SetItemsProcessed(state.iterations());
+}
+
+void hiredis_set(benchmark::State& state, bool unix_socket)
+{
+    hiredis_command(state, unix_socket, "SET bench:key xxx");
+}
+
+void hiredis_get(benchmark::State& state, bool unix_socket)
+{
+    hiredis_command(state, unix_socket, "GET bench:key");
+}
+
 // Resident size across one million bus operations after a warm-up.
 void bus_rss(benchmark::State& state)
 {
@@ -114,6 +141,10 @@ BENCHMARK_CAPTURE(bus_list_size, unix, true);
 BENCHMARK_CAPTURE(bus_list_size, tcp, false);
 BENCHMARK_CAPTURE(bus_publish, unix, true);
 BENCHMARK_CAPTURE(bus_publish, tcp, false);
+BENCHMARK_CAPTURE(hiredis_set, unix, true);
+BENCHMARK_CAPTURE(hiredis_set, tcp, false);
+BENCHMARK_CAPTURE(hiredis_get, unix, true);
+BENCHMARK_CAPTURE(hiredis_get, tcp, false);
 BENCHMARK(bus_rss)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
