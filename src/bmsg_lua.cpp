@@ -7,7 +7,6 @@
 
 #include <lua.hpp>
 
-
 #include <atomic>
 #include <cmath>
 #include <cstdint>
