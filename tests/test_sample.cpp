@@ -26,6 +26,7 @@ using BImage::Image;
 using bmsg_test::Captured;
 using bmsg_test::RedisServer;
 using bmsg_test::redis_raw;
+using bmsg_test::thrown_by;
 
 namespace {
 
@@ -138,16 +139,6 @@ void expect_silent_null(const Captured& c)
     EXPECT_EQ(c.status, 0) << "a null result was expected";
     EXPECT_EQ(c.err, "");
     EXPECT_EQ(c.out, "");
-}
-
-std::string thrown_by(const std::function<void()>& fn)
-{
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(nothing thrown)";
 }
 
 // Pushes raw bytes as one descriptor, as a foreign peer could.

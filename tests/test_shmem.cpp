@@ -15,6 +15,7 @@
 using bMSG::SharedMemory;
 using bmsg_test::Captured;
 using bmsg_test::run_captured;
+using bmsg_test::thrown_by;
 
 namespace {
 
@@ -23,21 +24,33 @@ std::string unique_name(const char* tag)
     return std::string("/bmsg_test_") + tag + "_" + std::to_string(getpid());
 }
 
-std::string thrown_by(const std::function<void()>& fn)
-{
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(nothing thrown)";
-}
-
 int wait_child(pid_t pid)
 {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Forks a process that opens the segment, takes its mutex, then runs
+// `holding` (which must end the process); returns once the lock is held.
+pid_t fork_holding_lock(const std::string& name, const std::function<void(SharedMemory&)>& holding)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        SharedMemory peer(name, 8, false);
+        pthread_mutex_lock(peer.mutex);
+        (void)!::write(ready[1], "x", 1);
+        holding(peer);
+        _exit(0);
+    }
+    char c;
+    (void)!::read(ready[0], &c, 1);
+    close(ready[0]);
+    close(ready[1]);
+    return pid;
 }
 
 } // namespace
@@ -81,45 +94,24 @@ TEST(SharedMemory, CopiesWaitForTheLockHeldByAnotherProcess)
 {
     const std::string name = unique_name("lock");
     SharedMemory seg(name, 8, true);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        SharedMemory peer(name, 8, false);
-        pthread_mutex_lock(peer.mutex);
-        (void)!::write(ready[1], "x", 1);
+    pid_t pid = fork_holding_lock(name, [](SharedMemory& peer) {
         usleep(300 * 1000);
         // Written without the class, while the lock is held: a reader that
         // did not wait would see the old byte.
         static_cast<char*>(peer.addr)[48] = 'B';
         pthread_mutex_unlock(peer.mutex);
-        _exit(0);
-    }
+    });
     char c;
-    ASSERT_EQ(::read(ready[0], &c, 1), 1);
     seg.read(&c, 1, 0);
     EXPECT_EQ(c, 'B');
     EXPECT_EQ(wait_child(pid), 0);
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST(SharedMemory, LockHeldByAKilledProcessIsTakenOver)
 {
     const std::string name = unique_name("robust");
     SharedMemory seg(name, 8, true);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        SharedMemory peer(name, 8, false);
-        pthread_mutex_lock(peer.mutex);
-        (void)!::write(ready[1], "x", 1);
-        pause();
-        _exit(0);
-    }
-    char c;
-    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    pid_t pid = fork_holding_lock(name, [](SharedMemory&) { pause(); });
     kill(pid, SIGKILL);
     EXPECT_EQ(wait_child(pid), 128 + SIGKILL);
 
@@ -135,8 +127,6 @@ TEST(SharedMemory, LockHeldByAKilledProcessIsTakenOver)
     }
     EXPECT_EQ(wait_child(other), 0);
     seg.write("again", 5, 3);
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)

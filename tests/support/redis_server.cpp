@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 namespace bmsg_test {
@@ -193,6 +194,16 @@ std::string redis_raw(const RedisServer& server, const char* format, ...)
     freeReplyObject(r);
     redisFree(c);
     return text;
+}
+
+std::string thrown_by(const std::function<void()>& fn)
+{
+    try {
+        fn();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(nothing thrown)";
 }
 
 double seconds_since(std::chrono::steady_clock::time_point t)

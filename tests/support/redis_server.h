@@ -56,6 +56,9 @@ Captured run_captured(const std::function<int()>& fn);
 // their elements joined by '\n').
 std::string redis_raw(const RedisServer& server, const char* format, ...);
 
+// The text of the std::runtime_error that fn throws, or "(nothing thrown)".
+std::string thrown_by(const std::function<void()>& fn);
+
 // Seconds since t on the steady clock.
 double seconds_since(std::chrono::steady_clock::time_point t);
 
