@@ -153,40 +153,39 @@ plot '%s' using 1:2 with linespoints title 'shared memory', \\
     os.remove(data)
 
 
+def versus_section(title, text, goal, columns, ours, other):
+    """One figure of ours next to one alternative: (label, value) each."""
+    ratio = ours[1] / other[1]
+    out = "## %s\n\n%s Goal: ratio >= %s (%s).\n\n" % (title, text, goal, verdict(ratio, goal))
+    out += table(columns,
+                 [[ours[0], "%.0f" % ours[1]], [other[0], "%.0f" % other[1]], ["ratio", "%.2f" % ratio]])
+    return out + "\n"
+
+
 def lua_section(raw):
     lua = load_bench(raw, "bench_lua")
     if not lua:
         return ""
-    ours = lua["lua_subscription/iterations:1"]["messages_per_s"]
-    native = lua["native_subscription/iterations:1"]["messages_per_s"]
-    ratio = ours / native
-    text = "## Lua subscription delivery (publish to callback)\n\n"
-    text += "A LuaJIT script subscribes and calls `check` in a loop; the native listener is "
-    text += "`Messager::subscribe`, both over TCP (the transport of Lua subscriptions). One publisher, one request in flight, 100000 messages. "
-    text += "Goal: ratio >= 0.5 (%s).\n\n" % verdict(ratio, 0.5)
-    text += "The native listener wakes for every message (one `read` a message, seen with `strace -c`); on two "
-    text += "cores it competes with the publisher and the server for a core at each one, while the Lua "
-    text += "subscription's reader thread is batched behind the `check` loop, so the Lua figure can be the higher.\n\n"
-    text += table(["listener", "messages/s"], [["Lua subscription + check", "%.0f" % ours],
-                                               ["native subscribe", "%.0f" % native],
-                                               ["ratio", "%.2f" % ratio]])
-    return text + "\n"
+    text = ("A LuaJIT script subscribes and calls `check` in a loop; the native listener is "
+            "`Messager::subscribe`, both over TCP (the transport of Lua subscriptions). One publisher, "
+            "one request in flight, 100000 messages. The native listener wakes for every message (one "
+            "`read` a message, seen with `strace -c`); on two cores it competes with the publisher and the "
+            "server for a core at each one, while the Lua subscription's reader thread is batched behind "
+            "the `check` loop, so the Lua figure can be the higher.")
+    return versus_section("Lua subscription delivery (publish to callback)", text, 0.5, ["listener", "messages/s"],
+                          ("Lua subscription + check", lua["lua_subscription/iterations:1"]["messages_per_s"]),
+                          ("native subscribe", lua["native_subscription/iterations:1"]["messages_per_s"]))
 
 
 def http_section(raw):
     http = load_bench(raw, "bench_http")
     if not http:
         return ""
-    ours = http["http_get_client"]["items_per_second"]
-    plain = http["http_get_curl"]["items_per_second"]
-    ratio = ours / plain
-    text = "## HTTP client (`get` against a local nginx, one request at a time)\n\n"
-    text += "Alternative: the same loop written directly with libcurl (one easy handle per request, the same "
-    text += "headers). Goal: ratio >= 0.9 (%s).\n\n" % verdict(ratio, 0.9)
-    text += table(["loop", "requests/s"], [["bHttpClient::get", "%.0f" % ours],
-                                           ["plain libcurl", "%.0f" % plain],
-                                           ["ratio", "%.2f" % ratio]])
-    return text + "\n"
+    text = ("Alternative: the same loop written directly with libcurl (one easy handle per request, the "
+            "same headers).")
+    return versus_section("HTTP client (`get` against a local nginx, one request at a time)", text, 0.9,
+                          ["loop", "requests/s"], ("bHttpClient::get", http["http_get_client"]["items_per_second"]),
+                          ("plain libcurl", http["http_get_curl"]["items_per_second"]))
 
 
 def machine():

@@ -12,11 +12,11 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -114,14 +114,41 @@ int push_popped(lua_State* L, Messager* m, const char* key, int timeout)
     return 1;
 }
 
-// Common part of the *_recv methods: the timeout is taken only when it is
-// the one argument after self; otherwise the default applies.
-int recv_method(lua_State* L, Messager* m, const char* key)
+using Sender = int (Messager::*)(const char*, ...);
+using ListKey = const char* const Messager::*;
+
+// The senders hand the Lua string to the Messager as the format, so a '%'
+// in it starts a conversion; scripts double it for a literal one.
+int send_method(lua_State* L, Sender send)
 {
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    (m->*send)(luaL_checklstring(L, 2, nullptr));
+    return 0;
+}
+
+// The *_recv methods: the timeout is taken only when it is the one argument
+// after self; otherwise the default applies.
+int recv_method(lua_State* L, ListKey key)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
     int timeout = default_recv_timeout;
     if (lua_gettop(L) == 2)
         timeout = static_cast<int>(luaL_checkinteger(L, 2));
-    return push_popped(L, m, key, timeout);
+    return push_popped(L, m, m->*key, timeout);
+}
+
+// The *_size methods and bio_cmd_clear: the count as a Lua integer.
+int count_method(lua_State* L, int (Messager::*count)(const char*), ListKey key)
+{
+    Messager* m = self(L);
+    if (!m)
+        return fail(L, "messager is NULL");
+    lua_pushinteger(L, (m->*count)(m->*key));
+    return 1;
 }
 
 // ---- Subscriptions -------------------------------------------------------
@@ -280,8 +307,7 @@ int messager_set(lua_State* L)
     return 1;
 }
 
-// The senders hand the Lua string to the Messager as the format, so a '%'
-// in it starts a conversion; scripts double it for a literal one.
+// Like the senders, the message is the format of the publish.
 int messager_publish(lua_State* L)
 {
     Messager* m = self(L);
@@ -309,7 +335,7 @@ int messager_subscribe(lua_State* L)
     set_live(sub.get(), true);
     try {
         sub->thread = std::make_unique<std::thread>(std::move(listener));
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         set_live(sub.get(), false);
         luaL_unref(L, LUA_REGISTRYINDEX, sub->callback_ref);
         return fail(L, "can't start subscription thread");
@@ -337,107 +363,62 @@ int messager_unsubscribe(lua_State* L)
 
 int messager_device_cmd_send(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    m->device_cmd_send(luaL_checklstring(L, 2, nullptr));
-    return 0;
+    return send_method(L, &Messager::device_cmd_send);
 }
 
 int messager_bio_cmd_send(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    m->bio_cmd_send(luaL_checklstring(L, 2, nullptr));
-    return 0;
+    return send_method(L, &Messager::bio_cmd_send);
 }
 
 int messager_bio_cmd_recv(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    return recv_method(L, m, m->bio_cmd);
+    return recv_method(L, &Messager::bio_cmd);
 }
 
 int messager_bio_cmd_size(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    lua_pushinteger(L, m->list_size(m->bio_cmd));
-    return 1;
+    return count_method(L, &Messager::list_size, &Messager::bio_cmd);
 }
 
 int messager_bio_cmd_clear(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    lua_pushinteger(L, m->list_clear(m->bio_cmd));
-    return 1;
+    return count_method(L, &Messager::list_clear, &Messager::bio_cmd);
 }
 
 int messager_bio_info_send(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    m->bio_info_send(luaL_checklstring(L, 2, nullptr));
-    return 0;
+    return send_method(L, &Messager::bio_info_send);
 }
 
 int messager_bio_info_recv(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    return recv_method(L, m, m->bio_info);
+    return recv_method(L, &Messager::bio_info);
 }
 
 int messager_bio_info_size(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    lua_pushinteger(L, m->list_size(m->bio_info));
-    return 1;
+    return count_method(L, &Messager::list_size, &Messager::bio_info);
 }
 
 int messager_bio_resp_send(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    m->bio_resp_send(luaL_checklstring(L, 2, nullptr));
-    return 0;
+    return send_method(L, &Messager::bio_resp_send);
 }
 
 int messager_bio_resp_recv(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    return recv_method(L, m, m->bio_resp);
+    return recv_method(L, &Messager::bio_resp);
 }
 
 int messager_bio_resp_size(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    lua_pushinteger(L, m->list_size(m->bio_resp));
-    return 1;
+    return count_method(L, &Messager::list_size, &Messager::bio_resp);
 }
 
 int messager_system_publish(lua_State* L)
 {
-    Messager* m = self(L);
-    if (!m)
-        return fail(L, "messager is NULL");
-    m->system_publish(luaL_checklstring(L, 2, nullptr));
-    return 0;
+    return send_method(L, &Messager::system_publish);
 }
 
 // Takes everything queued so far and calls the callback once per message,
