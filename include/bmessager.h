@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <sys/types.h>
 #include <map>
 #include <string>
 #include <vector>
@@ -36,6 +37,7 @@ struct redisReply;
 
 namespace BImage {
 class Image;
+enum ImageFormat : int32_t;
 }
 
 namespace bMSG {
@@ -45,6 +47,14 @@ class SharedMemory;
 // (channel given to subscribe, payload (NUL-terminated, valid only during the
 // call), payload length, user pointer (always null)).
 using MessageCallback = std::function<void(const char*, const char*, size_t, void*)>;
+
+// Writes the pixels of a loaned sample: (pixel area in the segment, its
+// length in bytes, which is count() of the image described).
+using SampleFill = std::function<void(unsigned char*, size_t)>;
+
+// Reads the pixels of a received sample in place: (width, height, format,
+// the pixels in the segment, count() bytes, valid only during the call).
+using SampleView = std::function<void(int, int, BImage::ImageFormat, const unsigned char*)>;
 
 class BMSG_API Messager {
 public:
@@ -190,6 +200,74 @@ public:
     // no modality has one; `out` is then untouched.
     BImage::Image* bio_sample_read(std::vector<const char*> modalities, char* out, int len);
 
+    // ---- Additions beside the operations above; each is opt-in and changes
+    // nothing for the callers of the others.
+    //
+    // Result codes of the int-returning receives below: 1 a sample was
+    // delivered, 0 time-out or no modality given, -1 no
+    // connection, -3 no reply to the pop, -5 the modality did not fit `out`
+    // (the sample is dropped), -6 the reply or the descriptor is malformed
+    // (a negative timeout is refused by the server and gives -6 too),
+    // -9 the modality's segment is missing or shorter than the image, -10
+    // the caller's image could not be grown. The descriptor is gone from the
+    // list after every pop. None of them reports on stdout/stderr.
+
+    // Receives from several modalities: BRPOP with each modality's list as
+    // its own key, blocking up to `timeout` seconds (0: no limit), so the
+    // first descriptor pushed to any of them is taken. Otherwise as the
+    // vector form of bio_sample_recv (same reports, `out`, ownership: the
+    // caller deletes the image).
+    BImage::Image* bio_sample_recv_any(const std::vector<const char*>& modalities, int timeout,
+                                       char* out, int len);
+
+    // Sends without copying the caller's pixels: `fill` gets the pixel area
+    // of the modality's segment (created as by bio_sample_send for an image
+    // of this size, never grown) and writes count() bytes there, then the
+    // descriptor is pushed as bio_sample_send does, so any receiver takes it.
+    // The segment lock is held while `fill` runs: a slow fill delays the
+    // receivers of this modality. The lock is released on every exit; an
+    // exception from `fill` propagates and nothing is pushed. Returns 0, -1,
+    // -2 (as bio_sample_send), -10 when width, height and format give no
+    // pixels. Throws "Data size exceeds shared memory size: ..." when the
+    // segment is smaller than the image (fill not called).
+    int bio_sample_loan(const char* modality, int width, int height, BImage::ImageFormat format,
+                        const SampleFill& fill);
+
+    // Receives without allocating or copying: pops as bio_sample_recv_any,
+    // then calls `view` with the image's shape and a pointer to its pixels
+    // in the segment while holding the segment lock (a slow view delays the
+    // sender of that modality; the lock is released on every exit, an
+    // exception from `view` propagates). The modality goes to `out` (`len`
+    // bytes, NUL-terminated) when `out` is not null. Blocks up to `timeout`
+    // seconds (0: no limit). Codes above.
+    int bio_sample_view(const std::vector<const char*>& modalities, int timeout,
+                        const SampleView& view, char* out = nullptr, int len = 0);
+
+    // Receives into the caller's image: as bio_sample_view, copying the
+    // pixels into `image` and setting its width, height and format. Its
+    // buffer is reused when it holds at least the new count() bytes (its
+    // current count() counts as its size), else a new one is allocated and
+    // owned by the record (its own previous block is freed; caller data is
+    // never freed). A steady stream of one size allocates nothing. -10 when
+    // the allocation fails (image unchanged, sample dropped).
+    int bio_sample_recv_into(const std::vector<const char*>& modalities, int timeout,
+                             BImage::Image& image, char* out = nullptr, int len = 0);
+
+    // Off by default: a command that fails on a held connection keeps it and
+    // later commands fail too. On: a connection that a command found broken
+    // (hiredis marked it failed: server gone, reset, closed) is freed at the
+    // start of the next operation, which connects again with the object's
+    // attempts. The failing call still returns its own code.
+    void set_reconnect(bool on) { reconnect = on; }
+
+    // 0 by default: segments this object creates get mode 0666 less the
+    // process umask, so on a device with several users any of them may read
+    // the samples. Any other value (for example 0600 or 0660) is given to
+    // each segment this object creates from then on, exactly (umask not
+    // applied); the object must not be owned by another user. See
+    // SharedMemory::restrict_mode.
+    void set_segment_mode(mode_t mode) { segment_mode = mode; }
+
     // The live connection (null while not connected), the server address
     // and port; for bindings that talk to the same server.
     redisContext* redis_context() const { return context; }
@@ -218,6 +296,17 @@ public:
 
     // Segments opened by the sample operations, by modality; owned.
     std::map<std::string, SharedMemory*> segments;
+
+private:
+    bool reconnect = false;
+    mode_t segment_mode = 0;
+
+    SharedMemory* sender_segment(const std::string& name, size_t capacity);
+    int pop_sample(const std::vector<const char*>& modalities, int timeout, char* out, int len,
+                   std::string& modality, std::string& descriptor);
+    int view_sample(const std::string& modality, const std::string& descriptor,
+                    const std::function<bool(int, int, BImage::ImageFormat, size_t)>& prepare,
+                    const SampleView& view);
 };
 
 } // namespace bMSG

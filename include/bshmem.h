@@ -10,9 +10,11 @@
 #define BMSG_BSHMEM_H
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #ifndef BMSG_API
@@ -55,6 +57,26 @@ public:
     // offset + len passes the capacity; nothing is copied then.
     // Must not be called on an invalid object.
     void read(void* buf, size_t len, size_t offset);
+
+    // Calls fill with a pointer to payload offset `offset`, where it may
+    // write up to len bytes, while holding the mutex: other processes wait
+    // for it, so a slow fill delays them. The mutex is released on every
+    // exit, including an exception from fill, which propagates. Throws as
+    // write() does when offset + len passes the capacity (fill not called).
+    // Must not be called on an invalid object.
+    void write(size_t len, size_t offset, const std::function<void(unsigned char*)>& fill);
+
+    // Calls use with a pointer to payload offset `offset` (len bytes) while
+    // holding the mutex, as the write above. Throws as read() does when
+    // offset + len passes the capacity (use not called).
+    void read(size_t len, size_t offset, const std::function<void(const unsigned char*)>& use);
+
+    // Gives the object `name` exactly `mode` (umask not applied), creating
+    // it empty with that mode when missing, so that a later create() reuses
+    // it and never widens who may open it. Descriptors others opened before
+    // keep their access. Throws std::runtime_error "Failed to set mode of
+    // shared memory: <name>" (for example when another user owns it).
+    static void restrict_mode(const std::string& name, mode_t mode);
 
     // Unmaps, closes the descriptor and, for the creator, unlinks the name.
     // Safe to call more than once: later calls do nothing.

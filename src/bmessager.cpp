@@ -81,6 +81,11 @@ void Messager::connect()
 
 bool Messager::ensure_connected()
 {
+    // Opted in: a connection hiredis marked failed is dropped for a new one.
+    if (reconnect && context && context->err) {
+        redisFree(context);
+        context = nullptr;
+    }
     if (!context)
         connect();
     return context != nullptr;

@@ -3,6 +3,7 @@
 #include "bmsg_internal.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -72,42 +73,61 @@ void close_on_exec(redisContext* c)
     fcntl(c->fd, F_SETFD, FD_CLOEXEC);
 }
 
-SigpipeGuard::SigpipeGuard() : was_pending_(false)
+namespace {
+
+// Sets the context's error as hiredis does: later commands on it fail.
+void set_error(redisContext* c, int type, const char* text)
 {
-    sigset_t pipe;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, &saved_);
-    // Unblocked before, SIGPIPE cannot be pending now: it would have been
-    // delivered. Only an application that blocks it itself can have one.
-    if (sigismember(&saved_, SIGPIPE)) {
-        sigset_t pending;
-        sigpending(&pending);
-        was_pending_ = sigismember(&pending, SIGPIPE);
-    }
+    c->err = type;
+    snprintf(c->errstr, sizeof c->errstr, "%s", text);
 }
 
-SigpipeGuard::~SigpipeGuard()
+// Sends one formatted command (freed here) and reads its reply. Every write
+// goes through send(MSG_NOSIGNAL); hiredis's own output buffer stays empty,
+// so redisGetReply only reads.
+Reply send_and_read(redisContext* c, char* cmd, long long len)
 {
-    if (!was_pending_) {
-        sigset_t pending;
-        sigpending(&pending);
-        if (sigismember(&pending, SIGPIPE)) {
-            sigset_t pipe;
-            sigemptyset(&pipe);
-            sigaddset(&pipe, SIGPIPE);
-            const timespec now{0, 0};
-            while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
-            }
-        }
+    if (len == -1)
+        set_error(c, REDIS_ERR_OOM, "Out of memory");
+    else if (len < 0)
+        set_error(c, REDIS_ERR_OTHER, "Invalid format string");
+    if (len < 0 || c->err) {
+        redisFreeCommand(cmd);
+        return nullptr;
     }
-    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    for (long long done = 0; done < len;) {
+        const ssize_t n = send(c->fd, cmd + done, static_cast<size_t>(len - done), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            char text[128];
+            set_error(c, REDIS_ERR_IO, strerror_r(errno, text, sizeof text));
+            redisFreeCommand(cmd);
+            return nullptr;
+        }
+        done += n;
+    }
+    redisFreeCommand(cmd);
+    void* reply = nullptr;
+    if (redisGetReply(c, &reply) != REDIS_OK)
+        return nullptr;
+    return take_reply(reply);
 }
+
+} // namespace
 
 Reply vcommand(redisContext* c, const char* format, va_list args)
 {
-    SigpipeGuard guard;
-    return take_reply(redisvCommand(c, format, args));
+    char* cmd = nullptr;
+    const int len = redisvFormatCommand(&cmd, format, args);
+    return send_and_read(c, cmd, len);
+}
+
+Reply command_argv(redisContext* c, int argc, const char** argv, const size_t* lengths)
+{
+    char* cmd = nullptr;
+    const long long len = redisFormatCommandArgv(&cmd, argc, argv, lengths);
+    return send_and_read(c, cmd, len);
 }
 
 Reply command(redisContext* c, const char* format, ...)

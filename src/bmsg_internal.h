@@ -4,8 +4,6 @@
 
 #include <hiredis/hiredis.h>
 
-#include <signal.h>
-
 #include <cstdarg>
 #include <cstddef>
 #include <memory>
@@ -31,26 +29,17 @@ using Reply = std::unique_ptr<redisReply, ReplyFree>;
 
 inline Reply take_reply(void* r) { return Reply(static_cast<redisReply*>(r)); }
 
-// Keeps SIGPIPE blocked for the calling thread while it lives. hiredis writes
-// with write(), so a command sent after the server went away (always on a
-// Unix socket, on TCP once the peer has reset) would raise SIGPIPE and kill
-// the process; blocked, the write fails with EPIPE and the command gets no
-// reply. A SIGPIPE raised meanwhile is discarded; one already pending stays.
-class SigpipeGuard {
-public:
-    SigpipeGuard();
-    ~SigpipeGuard();
-    SigpipeGuard(const SigpipeGuard&) = delete;
-    SigpipeGuard& operator=(const SigpipeGuard&) = delete;
-
-private:
-    sigset_t saved_;
-    bool was_pending_;
-};
-
-// redisCommand / redisvCommand under a SigpipeGuard; the reply is owned.
+// redisCommand / redisvCommand without SIGPIPE: hiredis writes with write(),
+// which raises SIGPIPE (and kills the process) when the server has gone
+// away. These format the command with hiredis, send it with MSG_NOSIGNAL and
+// then read the reply with redisGetReply, so no signal is ever raised and
+// none is left pending. A failed send marks the context as hiredis would
+// (REDIS_ERR_IO and the system error text). The reply is owned.
 Reply command(redisContext* c, const char* format, ...);
 Reply vcommand(redisContext* c, const char* format, va_list args);
+
+// The same for a command given as separate arguments (redisCommandArgv).
+Reply command_argv(redisContext* c, int argc, const char** argv, const size_t* lengths);
 
 struct ContextFree {
     void operator()(redisContext* c) const { redisFree(c); }

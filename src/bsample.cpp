@@ -42,10 +42,37 @@ bool intact(const SharedMemory& segment)
     return fstat(segment.fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= segment.size;
 }
 
+// The modality's segment as a receiver maps it, opened on first use with
+// room for `capacity` bytes; null when it cannot be opened. A cached mapping
+// whose object shrank is opened afresh, and so is one smaller than
+// `capacity` when `grow` is set.
+SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_t capacity,
+                               bool grow)
+{
+    auto found = bus.segments.find(modality);
+    if (found != bus.segments.end() &&
+        (!intact(*found->second) ||
+         (grow && found->second->size - SharedMemory::header_size < capacity))) {
+        // Shrunk under us: forget it and open it afresh, as if first used.
+        delete found->second;
+        bus.segments.erase(found);
+        found = bus.segments.end();
+    }
+    if (found == bus.segments.end()) {
+        std::unique_ptr<SharedMemory> segment(
+            new SharedMemory("/" + std::string(bus.bio_sample) + modality, capacity, false));
+        if (!segment->addr)
+            return nullptr;
+        found = bus.segments.emplace(modality, segment.get()).first;
+        segment.release();
+    }
+    return found->second;
+}
+
 // Decodes a descriptor, allocates the image and copies its pixels out of the
 // modality's segment, opening that segment on first use. Null after a
 // report; `missing` is set when the segment could not be opened.
-BImage::Image* load_sample(Messager& bus, const char* func, const redisReply* descriptor,
+BImage::Image* load_sample(Messager& bus, const char* func, const char* descriptor, size_t length,
                            const std::string& modality, bool* missing = nullptr)
 {
     unsigned int width = 0;
@@ -54,8 +81,8 @@ BImage::Image* load_sample(Messager& bus, const char* func, const redisReply* de
     // A parser that succeeds without setting the format leaves NV12 (3).
     BImage::ImageFormat format = BImage::NV12;
     // parse_image_header reads 32 bytes: a shorter value must not reach it.
-    if (descriptor->len != sample_header ||
-        BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(descriptor->str),
+    if (length != sample_header ||
+        BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(descriptor),
                                           width, height, size, format) < 1) {
         BMSG_REPORT(func, "load image failed");
         return nullptr;
@@ -66,27 +93,64 @@ BImage::Image* load_sample(Messager& bus, const char* func, const redisReply* de
         BMSG_REPORT(func, "load image failed");
         return nullptr;
     }
-    auto found = bus.segments.find(modality);
-    if (found != bus.segments.end() && !intact(*found->second)) {
-        // Shrunk under us: forget it and open it afresh, as if first used.
-        delete found->second;
-        bus.segments.erase(found);
-        found = bus.segments.end();
+    SharedMemory* segment = receiver_segment(bus, modality, sample_capacity(*image), false);
+    if (!segment) {
+        BMSG_REPORT(func, "shared memory is invalid");
+        if (missing)
+            *missing = true;
+        return nullptr;
     }
-    if (found == bus.segments.end()) {
-        std::unique_ptr<SharedMemory> segment(new SharedMemory(
-            "/" + std::string(bus.bio_sample) + modality, sample_capacity(*image), false));
-        if (!segment->addr) {
-            BMSG_REPORT(func, "shared memory is invalid");
-            if (missing)
-                *missing = true;
-            return nullptr;
-        }
-        found = bus.segments.emplace(modality, segment.get()).first;
-        segment.release();
-    }
-    found->second->read(image->data, pixel_length(*image), sample_header);
+    segment->read(image->data, pixel_length(*image), sample_header);
     return image.release();
+}
+
+// Parses a 32-byte descriptor; false when it is not one.
+bool parse_descriptor(const std::string& d, int& width, int& height, BImage::ImageFormat& format,
+                      size_t& length)
+{
+    unsigned int w = 0;
+    unsigned int h = 0;
+    unsigned long size = 0;
+    format = BImage::NV12;
+    if (d.size() != sample_header ||
+        BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(d.data()), w, h,
+                                          size, format) < 1)
+        return false;
+    width = static_cast<int>(w);
+    height = static_cast<int>(h);
+    length = size;
+    return true;
+}
+
+// Pixel length of an image shape, 0 when it has none or more than a record
+// can allocate.
+size_t shape_length(int width, int height, BImage::ImageFormat format)
+{
+    unsigned char borrowed = 0;
+    const BImage::Image shape(width, height, format, &borrowed);
+    return shape.count() > 0 ? static_cast<size_t>(shape.count()) : 0;
+}
+
+// Makes `image` hold `length` bytes of pixels for the new shape, reusing its
+// buffer when its current count() is at least that long. Goes only through
+// the record's public fields: a record frees its own block with free().
+bool fit_image(BImage::Image& image, int width, int height, BImage::ImageFormat format,
+               size_t length)
+{
+    const int have = image.count();
+    if (length > 0 && (!image.data || have < 0 || static_cast<size_t>(have) < length)) {
+        void* block = nullptr;
+        if (posix_memalign(&block, 16, length) != 0)
+            return false;
+        if (image.buffer)
+            free(image.buffer);
+        image.buffer = block;
+        image.data = static_cast<unsigned char*>(block);
+    }
+    image.width = width;
+    image.height = height;
+    image.format = format;
+    return true;
 }
 
 } // namespace
@@ -101,21 +165,166 @@ int Messager::bio_sample_send(const char* modality, BImage::Image* image)
     // The key goes into the push's command text, where a blank would split it.
     if (name.find(' ') != std::string::npos)
         return -2;
+    SharedMemory* segment = sender_segment(name, sample_capacity(*image));
+    segment->write(image->data, pixel_length(*image), sample_header);
+    const unsigned char* header = image->format_header();
+    segment->write(header, sample_header, 0);
+    return list_send((bio_sample + name).c_str(), "%b", header, sample_header);
+}
+
+// The sender's segment of a modality, created on first use with room for
+// `capacity` bytes (and the object's segment mode, when one is set).
+SharedMemory* Messager::sender_segment(const std::string& name, size_t capacity)
+{
+    const std::string object = "/" + std::string(bio_sample) + name;
     auto found = segments.find(name);
     if (found == segments.end()) {
-        std::unique_ptr<SharedMemory> segment(
-            new SharedMemory("/" + std::string(bio_sample) + name, sample_capacity(*image), true));
+        if (segment_mode)
+            SharedMemory::restrict_mode(object, segment_mode);
+        std::unique_ptr<SharedMemory> segment(new SharedMemory(object, capacity, true));
         found = segments.emplace(name, segment.get()).first;
         segment.release();
     }
     SharedMemory* segment = found->second;
     // The segment is ours: when someone truncated it, restore it.
-    if (!intact(*segment))
+    if (!intact(*segment)) {
+        if (segment_mode)
+            SharedMemory::restrict_mode(object, segment_mode);
         segment->create();
-    segment->write(image->data, pixel_length(*image), sample_header);
-    const unsigned char* header = image->format_header();
-    segment->write(header, sample_header, 0);
+    }
+    return segment;
+}
+
+int Messager::bio_sample_loan(const char* modality, int width, int height,
+                              BImage::ImageFormat format, const SampleFill& fill)
+{
+    if (!ensure_connected())
+        return -1;
+    const size_t length = shape_length(width, height, format);
+    if (length == 0)
+        return -10;
+    const std::string name(modality);
+    if (name.find(' ') != std::string::npos)
+        return -2;
+    unsigned char borrowed = 0;
+    const BImage::Image shape(width, height, format, &borrowed);
+    const unsigned char* header = shape.format_header();
+    SharedMemory* segment = sender_segment(name, sample_header + length);
+    // Pixels, then the header in the same lock section: a reader never sees
+    // the header of an image whose pixels are not written yet.
+    segment->write(sample_header + length, 0, [&](unsigned char* payload) {
+        fill(payload + sample_header, length);
+        memcpy(payload, header, sample_header);
+    });
     return list_send((bio_sample + name).c_str(), "%b", header, sample_header);
+}
+
+int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout, char* out,
+                         int len, std::string& modality, std::string& descriptor)
+{
+    if (!ensure_connected())
+        return -1;
+    if (modalities.empty())
+        return 0;
+    std::vector<std::string> keys;
+    for (const char* m : modalities)
+        keys.push_back(bio_sample + std::string(m));
+    std::vector<const char*> argv{"BRPOP"};
+    std::vector<size_t> lengths{5};
+    for (const std::string& k : keys) {
+        argv.push_back(k.c_str());
+        lengths.push_back(k.size());
+    }
+    const std::string seconds = std::to_string(timeout);
+    argv.push_back(seconds.c_str());
+    lengths.push_back(seconds.size());
+    Reply r = command_argv(context, static_cast<int>(argv.size()), argv.data(), lengths.data());
+    if (r && r->type == REDIS_REPLY_ARRAY && r->elements == 2) {
+        const redisReply* key = r->element[0];
+        const redisReply* value = r->element[1];
+        const size_t prefix = strlen(bio_sample);
+        if (key->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING ||
+            key->len < prefix || strncmp(key->str, bio_sample, prefix) != 0)
+            return -6;
+        modality.assign(key->str + prefix, key->len - prefix);
+        descriptor.assign(value->str, value->len);
+    }
+    if (!r)
+        return -3;
+    if (r->type == REDIS_REPLY_NIL)
+        return 0;
+    if (descriptor.empty())
+        return -6;
+    if (out && (len <= 0 || snprintf(out, static_cast<size_t>(len), "%s", modality.c_str()) >= len))
+        return -5;
+    return 1;
+}
+
+int Messager::view_sample(const std::string& modality, const std::string& descriptor,
+                          const std::function<bool(int, int, BImage::ImageFormat, size_t)>& prepare,
+                          const SampleView& view)
+{
+    int width = 0;
+    int height = 0;
+    BImage::ImageFormat format;
+    size_t length = 0;
+    if (!parse_descriptor(descriptor, width, height, format, length))
+        return -6;
+    if (prepare && !prepare(width, height, format, length))
+        return -10;
+    SharedMemory* segment = receiver_segment(*this, modality, sample_header + length, true);
+    if (!segment)
+        return -9;
+    segment->read(length, sample_header, [&](const unsigned char* pixels) {
+        view(width, height, format, pixels);
+    });
+    return 1;
+}
+
+int Messager::bio_sample_view(const std::vector<const char*>& modalities, int timeout,
+                              const SampleView& view, char* out, int len)
+{
+    std::string modality;
+    std::string descriptor;
+    const int rc = pop_sample(modalities, timeout, out, len, modality, descriptor);
+    return rc == 1 ? view_sample(modality, descriptor, nullptr, view) : rc;
+}
+
+int Messager::bio_sample_recv_into(const std::vector<const char*>& modalities, int timeout,
+                                   BImage::Image& image, char* out, int len)
+{
+    std::string modality;
+    std::string descriptor;
+    const int rc = pop_sample(modalities, timeout, out, len, modality, descriptor);
+    if (rc != 1)
+        return rc;
+    return view_sample(
+        modality, descriptor,
+        [&](int width, int height, BImage::ImageFormat format, size_t length) {
+            return fit_image(image, width, height, format, length);
+        },
+        [&](int, int, BImage::ImageFormat, const unsigned char* pixels) {
+            if (image.count() > 0)
+                memcpy(image.data, pixels, static_cast<size_t>(image.count()));
+        });
+}
+
+BImage::Image* Messager::bio_sample_recv_any(const std::vector<const char*>& modalities,
+                                             int timeout, char* out, int len)
+{
+    std::string modality;
+    std::string descriptor;
+    const int rc = pop_sample(modalities, timeout, nullptr, 0, modality, descriptor);
+    if (rc == -6)
+        BMSG_REPORT("bio_sample_recv_any", "bad data type");
+    if (rc != 1)
+        return nullptr;
+    if (!out || len <= 0 || snprintf(out, static_cast<size_t>(len), "%s", modality.c_str()) >= len) {
+        BMSG_REPORT("bio_sample_recv_any", "buffer size too small: %d", len);
+        return nullptr;
+    }
+    return load_sample(*this, "bio_sample_recv_any", descriptor.data(), descriptor.size(),
+                       modality);
 }
 
 BImage::Image* Messager::bio_sample_recv(const char* modality, int timeout)
@@ -130,7 +339,7 @@ BImage::Image* Messager::bio_sample_recv(const char* modality, int timeout)
         BMSG_REPORT("bio_sample_recv", "bad data type: %d", r->type);
         return nullptr;
     }
-    return load_sample(*this, "bio_sample_recv", r.get(), modality);
+    return load_sample(*this, "bio_sample_recv", r->str, r->len, modality);
 }
 
 BImage::Image* Messager::bio_sample_recv(std::vector<const char*> modalities, int timeout,
@@ -172,7 +381,7 @@ BImage::Image* Messager::bio_sample_recv(std::vector<const char*> modalities, in
         BMSG_REPORT("bio_sample_recv", "bad data type: %d", value->type);
         return nullptr;
     }
-    return load_sample(*this, "bio_sample_recv", value, modality);
+    return load_sample(*this, "bio_sample_recv", value->str, value->len, modality);
 }
 
 BImage::Image* Messager::bio_sample_read(const char* modality)
@@ -199,7 +408,7 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
         return nullptr;
     }
     bool missing = false;
-    BImage::Image* image = load_sample(*this, "bio_sample_read", descriptor, modality, &missing);
+    BImage::Image* image = load_sample(*this, "bio_sample_read", descriptor->str, descriptor->len, modality, &missing);
     // A descriptor whose segment is gone would be read again and again.
     if (missing)
         command(context, "RPOP %s", key.c_str());

@@ -34,6 +34,14 @@ bool in_range(uint64_t size, size_t len, size_t offset)
     return len <= capacity && offset <= capacity - len;
 }
 
+// The text of the exception for a write past the capacity.
+std::string overflow_text(const std::string& name, size_t len, size_t offset, uint64_t size)
+{
+    return "Data size exceeds shared memory size: " + name + " " + std::to_string(len) + "+" +
+           std::to_string(offset) + ">" + std::to_string(size) + "-" +
+           std::to_string(SharedMemory::header_size);
+}
+
 // Holds the segment mutex for one copy. The mutex is robust: when a peer
 // died holding it, the lock is taken over and made consistent, so one
 // crashed process cannot block every other one for ever.
@@ -120,9 +128,7 @@ void SharedMemory::create()
 void SharedMemory::write(const void* data, size_t len, size_t offset)
 {
     if (!in_range(size, len, offset))
-        throw std::runtime_error("Data size exceeds shared memory size: " + name + " " +
-                                 std::to_string(len) + "+" + std::to_string(offset) + ">" +
-                                 std::to_string(size) + "-" + std::to_string(header_size));
+        throw std::runtime_error(overflow_text(name, len, offset, size));
     SegmentLock lock(mutex);
     if (len)
         memcpy(static_cast<char*>(addr) + header_size + offset, data, len);
@@ -135,6 +141,36 @@ void SharedMemory::read(void* buf, size_t len, size_t offset)
     SegmentLock lock(mutex);
     if (len)
         memcpy(buf, static_cast<const char*>(addr) + header_size + offset, len);
+}
+
+void SharedMemory::write(size_t len, size_t offset,
+                         const std::function<void(unsigned char*)>& fill)
+{
+    if (!in_range(size, len, offset))
+        throw std::runtime_error(overflow_text(name, len, offset, size));
+    SegmentLock lock(mutex);
+    fill(static_cast<unsigned char*>(addr) + header_size + offset);
+}
+
+void SharedMemory::read(size_t len, size_t offset,
+                        const std::function<void(const unsigned char*)>& use)
+{
+    if (!in_range(size, len, offset))
+        throw std::runtime_error("Read size exceeds shared memory size");
+    SegmentLock lock(mutex);
+    use(static_cast<const unsigned char*>(addr) + header_size + offset);
+}
+
+void SharedMemory::restrict_mode(const std::string& name, mode_t mode)
+{
+    // Created with no permission bits, the object cannot be opened by anyone
+    // else before fchmod gives it the mode asked for.
+    const int d = shm_open(name.c_str(), O_CREAT | O_RDWR, 0);
+    const bool ok = d != -1 && fchmod(d, mode) == 0;
+    if (d != -1)
+        ::close(d);
+    if (!ok)
+        throw std::runtime_error("Failed to set mode of shared memory: " + name);
 }
 
 void SharedMemory::close()
