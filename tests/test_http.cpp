@@ -24,33 +24,14 @@ namespace {
 // tests/http_server.py on a port it picks itself, stopped by pid.
 class HttpServer {
 public:
-    HttpServer()
+    HttpServer() : process_(bmsg_test::spawn_native("python3", {BMSG_HTTP_SERVER, "0"}))
     {
-        int fds[2];
-        if (pipe(fds) != 0)
-            abort();
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(fds[1], 1);
-            ::close(fds[0]);
-            ::close(fds[1]);
-            execlp("python3", "python3", BMSG_HTTP_SERVER, "0", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        ::close(fds[1]);
-        FILE* out = fdopen(fds[0], "r");
         unsigned port = 0;
-        if (!out || fscanf(out, "%u", &port) != 1) {
-            fprintf(stderr, "cannot start %s\n", BMSG_HTTP_SERVER);
+        if (!bmsg_test::wait_until([&] { return sscanf(process_.out().c_str(), "%u", &port) == 1; })) {
+            fprintf(stderr, "cannot start %s: %s\n", BMSG_HTTP_SERVER, process_.err().c_str());
             abort();
         }
-        fclose(out);
         port_ = static_cast<unsigned short>(port);
-    }
-    ~HttpServer()
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
     }
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -61,7 +42,7 @@ public:
     }
 
 private:
-    pid_t pid_;
+    bmsg_test::Child process_;
     unsigned short port_;
 };
 

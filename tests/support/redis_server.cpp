@@ -69,21 +69,16 @@ bool RedisServer::start()
 {
     const std::string port = std::to_string(port_);
     const std::string log = dir_ + "/redis.log";
-    pid_ = fork();
-    if (pid_ == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        dup2(null, 1);
-        execlp("redis-server", "redis-server", "--port", port.c_str(), "--bind", "127.0.0.1",
-               "--unixsocket", socket_.c_str(), "--unixsocketperm", "700", "--save", "",
-               "--appendonly", "no", "--dir", dir_.c_str(), "--logfile", log.c_str(),
-               "--daemonize", "no", "--protected-mode", "no", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    process_ = spawn_native("redis-server",
+                            {"--port", port, "--bind", "127.0.0.1", "--unixsocket", socket_,
+                             "--unixsocketperm", "700", "--save", "", "--appendonly", "no",
+                             "--dir", dir_, "--logfile", log, "--daemonize", "no",
+                             "--protected-mode", "no"});
+    pid_ = process_.pid();
     for (int i = 0; i < 500; ++i) {
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        if (process_.ended()) {
             pid_ = -1;
+            process_ = Child();
             return false;
         }
         redisContext* c = redisConnect("127.0.0.1", port_);
@@ -106,8 +101,9 @@ void RedisServer::stop(int signal)
 {
     if (pid_ <= 0)
         return;
-    kill(pid_, signal);
-    waitpid(pid_, nullptr, 0);
+    process_.kill(signal);
+    process_.wait();
+    process_ = Child();
     pid_ = -1;
 }
 

@@ -3,6 +3,8 @@
 #ifndef BMSG_TEST_REDIS_SERVER_H
 #define BMSG_TEST_REDIS_SERVER_H
 
+#include "child.h"
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -38,6 +40,7 @@ private:
     std::string socket_;
     uint16_t port_ = 0;
     pid_t pid_ = -1;
+    Child process_;
 };
 
 // A TCP port on 127.0.0.1 that nothing listens on right now.
