@@ -45,14 +45,16 @@ bool intact(const SharedMemory& segment)
 // The modality's segment as a receiver maps it, opened on first use with
 // room for `capacity` bytes; null when it cannot be opened. A cached mapping
 // whose object shrank is opened afresh, and so is one smaller than
-// `capacity` when `grow` is set.
+// `capacity` when `grow` is set, unless this object made it (reopening
+// would unlink it).
 SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_t capacity,
                                bool grow)
 {
     auto found = bus.segments.find(modality);
     if (found != bus.segments.end() &&
         (!intact(*found->second) ||
-         (grow && found->second->size - SharedMemory::header_size < capacity))) {
+         (grow && !found->second->owner &&
+          found->second->size - SharedMemory::header_size < capacity))) {
         // Shrunk under us: forget it and open it afresh, as if first used.
         delete found->second;
         bus.segments.erase(found);
@@ -273,7 +275,7 @@ int Messager::view_sample(const std::string& modality, const std::string& descri
     if (prepare && !prepare(width, height, format, length))
         return -10;
     SharedMemory* segment = receiver_segment(*this, modality, sample_header + length, true);
-    if (!segment)
+    if (!segment || segment->size - SharedMemory::header_size < sample_header + length)
         return -9;
     segment->read(length, sample_header, [&](const unsigned char* pixels) {
         view(width, height, format, pixels);

@@ -22,6 +22,9 @@ Subscription::Subscription(const char* address, uint16_t port,
     }
     close_on_exec(c);
     context_ = c;
+    status_ = -3;
+    if (channels.empty())
+        return;
     std::vector<const char*> argv{"SUBSCRIBE"};
     std::vector<size_t> lengths{9};
     for (const std::string& ch : channels) {
@@ -29,8 +32,7 @@ Subscription::Subscription(const char* address, uint16_t port,
         lengths.push_back(ch.size());
     }
     Reply r = command_argv(c, static_cast<int>(argv.size()), argv.data(), lengths.data());
-    status_ = -3;
-    if (!r || r->type != REDIS_REPLY_ARRAY || channels.empty())
+    if (!r || r->type != REDIS_REPLY_ARRAY)
         return;
     status_ = 0;
     running_ = true;
