@@ -35,8 +35,10 @@ BImage::ImageFormat format_of(int bytes_per_pixel)
 }
 
 // Forks a receiver that runs `receive` `count` times and writes the
-// monotonic time of each completed receive to a pipe; the sender waits for
-// that time before it sends the next image, so one image is in flight.
+// monotonic time each one returns (the moment the receiver has the image;
+// 0 for a failure) to a pipe; the sender waits for that time before it sends
+// the next image, so one image is in flight. `send` returns the nanoseconds
+// of its own that do not count (the caller's pixel writing in a loan).
 template <typename Send, typename Receive>
 void transfer_loop(benchmark::State& state, int count, Send send, Receive receive)
 {
@@ -49,9 +51,9 @@ void transfer_loop(benchmark::State& state, int count, Send send, Receive receiv
     if (child == 0) {
         close(times[0]);
         for (int i = 0; i < count; ++i) {
-            if (!receive())
+            const int64_t t = receive();
+            if (t == 0)
                 _exit(1);
-            int64_t t = bench::now_ns();
             if (write(times[1], &t, sizeof t) != sizeof t)
                 _exit(2);
         }
@@ -63,13 +65,13 @@ void transfer_loop(benchmark::State& state, int count, Send send, Receive receiv
     for (auto _ : state) {
         for (int i = 0; i < count; ++i) {
             const int64_t t0 = bench::now_ns();
-            send();
+            const int64_t excluded = send();
             int64_t t1;
             if (read(times[0], &t1, sizeof t1) != sizeof t1) {
                 state.SkipWithError("receiver failed");
                 break;
             }
-            lat.push_back(static_cast<double>(t1 - t0) / 1000.0);
+            lat.push_back(static_cast<double>(t1 - t0 - excluded) / 1000.0);
         }
     }
     const double seconds = static_cast<double>(bench::now_ns() - start) / 1e9;
@@ -85,6 +87,27 @@ std::string modality_for(const benchmark::State& state)
            std::to_string(state.range(1));
 }
 
+// The described send: the caller's image copied into the segment.
+int64_t send_copy(bMSG::Messager& sender, const std::string& modality, BImage::Image& image)
+{
+    sender.bio_sample_send(modality.c_str(), &image);
+    return 0;
+}
+
+// A loan whose fill writes the pixels; the fill's time is the caller's own
+// work and is left out of the latency.
+int64_t send_loan(bMSG::Messager& sender, const std::string& modality, BImage::Image& image)
+{
+    int64_t filling = 0;
+    sender.bio_sample_loan(modality.c_str(), image.width, image.height, image.format,
+                           [&](unsigned char* p, size_t n) {
+                               const int64_t t = bench::now_ns();
+                               memset(p, 0x5a, n);
+                               filling = bench::now_ns() - t;
+                           });
+    return filling;
+}
+
 void sample_shm(benchmark::State& state)
 {
     const std::string modality = modality_for(state);
@@ -95,7 +118,7 @@ void sample_shm(benchmark::State& state)
     sender->bio_sample_send(modality.c_str(), &image);  // creates the segment
     sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
     transfer_loop(
-        state, transfers, [&] { sender->bio_sample_send(modality.c_str(), &image); },
+        state, transfers, [&] { return send_copy(*sender, modality, image); },
         [&, receiver = std::unique_ptr<bMSG::Messager>()]() mutable {
             if (!receiver)
                 receiver = bench::messager(true);
@@ -103,8 +126,57 @@ void sample_shm(benchmark::State& state)
             BImage::Image* got = receiver->bio_sample_recv({modality.c_str()}, 5, out, sizeof out);
             const bool ok = got && got->count() == image.count();
             delete got;
-            return ok;
+            return ok ? bench::now_ns() : 0;
         });
+}
+
+// One zero-copy or reusing path: `loan` picks the sender, `into` receives
+// into one reused image (time when it returns), else the view (time when
+// its function starts).
+void sample_direct(benchmark::State& state, bool loan, bool into)
+{
+    const std::string modality = modality_for(state) + (loan ? "l" : "s") + (into ? "i" : "v");
+    BImage::Image image(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
+                        format_of(static_cast<int>(state.range(2))), nullptr);
+    memset(image.data, 0x5a, image.count());
+    auto sender = bench::messager(true);
+    sender->bio_sample_send(modality.c_str(), &image);  // creates the segment
+    sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
+    BImage::Image reused(0, 0, BImage::GRAY8, nullptr);
+    transfer_loop(
+        state, transfers,
+        [&] { return loan ? send_loan(*sender, modality, image) : send_copy(*sender, modality, image); },
+        [&, receiver = std::unique_ptr<bMSG::Messager>()]() mutable -> int64_t {
+            if (!receiver)
+                receiver = bench::messager(true);
+            if (into)
+                return receiver->bio_sample_recv_into({modality.c_str()}, 5, reused) == 1 &&
+                               reused.count() == image.count()
+                           ? bench::now_ns()
+                           : 0;
+            int64_t seen = 0;
+            receiver->bio_sample_view({modality.c_str()}, 5,
+                                      [&](int, int, BImage::ImageFormat, const unsigned char* p) {
+                                          seen = bench::now_ns();
+                                          benchmark::DoNotOptimize(p[0]);
+                                      });
+            return seen;
+        });
+}
+
+void sample_loan_view(benchmark::State& state)
+{
+    sample_direct(state, true, false);
+}
+
+void sample_send_view(benchmark::State& state)
+{
+    sample_direct(state, false, false);
+}
+
+void sample_recv_into(benchmark::State& state)
+{
+    sample_direct(state, false, true);
 }
 
 void sample_through_redis(benchmark::State& state)
@@ -115,7 +187,11 @@ void sample_through_redis(benchmark::State& state)
     auto sender = bench::messager(true);
     sender->list_clear(key.c_str());
     transfer_loop(
-        state, transfers, [&] { sender->list_send(key.c_str(), "%b", pixels.data(), bytes); },
+        state, transfers,
+        [&] {
+            sender->list_send(key.c_str(), "%b", pixels.data(), bytes);
+            return int64_t{0};
+        },
         [&, receiver = std::unique_ptr<bMSG::Messager>(),
          buf = std::vector<char>()]() mutable {
             if (!receiver) {
@@ -123,7 +199,9 @@ void sample_through_redis(benchmark::State& state)
                 buf.resize(bytes + 1);
             }
             return receiver->list_recv(key.c_str(), buf.data(), static_cast<int>(buf.size()), 5,
-                                       nullptr, 0) == static_cast<int>(bytes);
+                                       nullptr, 0) == static_cast<int>(bytes)
+                       ? bench::now_ns()
+                       : 0;
         });
 }
 
@@ -204,6 +282,9 @@ void sizes(benchmark::internal::Benchmark* b)
 BENCHMARK(sample_floor)->Apply(sizes);
 BENCHMARK(sample_shm)->Apply(sizes);
 BENCHMARK(sample_through_redis)->Apply(sizes);
+BENCHMARK(sample_loan_view)->Apply(sizes);
+BENCHMARK(sample_send_view)->Apply(sizes);
+BENCHMARK(sample_recv_into)->Apply(sizes);
 BENCHMARK(sample_rss)->Args({640, 480, 1})->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
