@@ -71,7 +71,7 @@ void Messager::connect()
             BMSG_REPORT("connect", "%s: address[%s] port[%d]", c->errstr, address.c_str(), port);
             redisFree(c);
         } else {
-            close_on_exec(c);
+            prepare_connection(c);
             context = c;
             return;
         }

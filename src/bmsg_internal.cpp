@@ -68,9 +68,12 @@ bool is_message(const redisReply* r)
            r->element[1]->type == REDIS_REPLY_STRING && r->element[2]->type == REDIS_REPLY_STRING;
 }
 
-void close_on_exec(redisContext* c)
+void prepare_connection(redisContext* c)
 {
     fcntl(c->fd, F_SETFD, FD_CLOEXEC);
+#if HIREDIS_MAJOR >= 1
+    c->reader->maxelements = max_reply_elements;
+#endif
 }
 
 namespace {

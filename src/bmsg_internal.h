@@ -49,10 +49,16 @@ using Context = std::unique_ptr<redisContext, ContextFree>;
 // A pub/sub "message" reply: ["message", channel, payload], all strings.
 bool is_message(const redisReply* r);
 
-// Keeps the connection's socket out of child processes: a child that
-// inherited it would keep a subscription alive on the server after the
-// parent has closed it.
-void close_on_exec(redisContext* c);
+// Readies a connection the library opened: its socket stays out of child
+// processes (a child that inherited it would keep a subscription alive on
+// the server after the parent has closed it), and, with hiredis 1.x, its
+// reader refuses replies declaring more than max_reply_elements elements,
+// so a hostile declared length cannot make it reserve gigabytes.
+void prepare_connection(redisContext* c);
+
+// The longest reply the library asks for is a three-element message; the
+// bound leaves room and keeps what one declared array reserves small.
+constexpr unsigned max_reply_elements = 64;
 
 // Size of the command template buffer of the push and publish operations.
 constexpr size_t template_size = 1024;

@@ -234,7 +234,7 @@ struct Listener {
             BMSG_REPORT("operator()", "Connection error: %s", c->errstr);
             return;
         }
-        bMSG::close_on_exec(c.get());
+        bMSG::prepare_connection(c.get());
         if (!bMSG::command(c.get(), "SUBSCRIBE %s", channel.c_str())) {
             BMSG_REPORT("operator()", "Command error: %s", c->errstr);
             return;

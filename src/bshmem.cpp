@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +17,10 @@ namespace bMSG {
 
 static_assert(sizeof(pthread_mutex_t) <= SharedMemory::header_size,
               "the segment mutex must fit the 48-byte header");
+#if defined(__aarch64__) && defined(__GLIBC__)
+static_assert(sizeof(pthread_mutex_t) == SharedMemory::header_size,
+              "on the device the segment mutex fills the 48-byte header exactly");
+#endif
 
 namespace {
 
@@ -42,9 +47,23 @@ std::string overflow_text(const std::string& name, size_t len, size_t offset, ui
            std::to_string(SharedMemory::header_size);
 }
 
-// Holds the segment mutex for one copy. The mutex is robust: when a peer
-// died holding it, the lock is taken over and made consistent, so one
-// crashed process cannot block every other one for ever.
+// Whether the kernel keeps robust futex lists. Some kernels are built
+// without them, and qemu-user does not emulate them; glibc still accepts the
+// robust attribute there, but the owner's death is never noticed. Asked once.
+bool robust_futexes()
+{
+    static const bool available = [] {
+        void* head = nullptr;
+        size_t len = 0;
+        return syscall(SYS_get_robust_list, 0, &head, &len) == 0 || errno != ENOSYS;
+    }();
+    return available;
+}
+
+// Holds the segment mutex for one copy. Where robust futexes exist the mutex
+// is robust: when a peer died holding it, the lock is taken over and made
+// consistent, so one crashed process cannot block every other one for ever.
+// Elsewhere it is the plain process-shared mutex.
 class SegmentLock {
 public:
     explicit SegmentLock(pthread_mutex_t* m) : mutex_(m)
@@ -120,7 +139,8 @@ void SharedMemory::create()
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+    if (robust_futexes())
+        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
     pthread_mutex_init(mutex, &attr);
     pthread_mutexattr_destroy(&attr);
 }

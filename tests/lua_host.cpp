@@ -1,12 +1,15 @@
-// A Lua interpreter with the bmsg module built in (package.preload), for the
-// sanitizer builds: an instrumented library cannot be loaded into the
-// uninstrumented luajit binary.
+// A Lua interpreter for the builds that cannot run the tests in Debian's
+// luajit: sanitizer builds, with the bmsg module built in (package.preload)
+// since an instrumented library cannot be loaded into the uninstrumented
+// luajit binary (BMSG_LUA_BUILTIN), and cross builds, which load bmsg.so
+// through package.cpath as luajit does.
 //   lua_host <script> [args...]     (arg[0] is the script, as with luajit)
 // Exits with 1 when the script raises an error, after closing the state.
 #include <lua.hpp>
 
 #include <cstdio>
 
+#ifdef BMSG_LUA_BUILTIN
 extern "C" int luaopen_bmsg(lua_State* L);
 
 static void preload_bmsg(lua_State* L)
@@ -17,6 +20,7 @@ static void preload_bmsg(lua_State* L)
     lua_setfield(L, -2, "bmsg");
     lua_pop(L, 2);
 }
+#endif
 
 static void set_args(lua_State* L, int argc, char** argv)
 {
@@ -51,7 +55,9 @@ int main(int argc, char** argv)
     if (!L)
         return 1;
     luaL_openlibs(L);
+#ifdef BMSG_LUA_BUILTIN
     preload_bmsg(L);
+#endif
     set_args(L, argc, argv);
     const bool ok = run(L, argv[1]);
     lua_close(L);

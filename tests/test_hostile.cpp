@@ -332,8 +332,7 @@ TEST(ScriptedPeer, GetSetAndListRepliesOfEveryType)
 
 TEST(ScriptedPeer, PublishAndSubscribeRepliesOfEveryShape)
 {
-    // A negative count is returned; only the variadic form reports it. The
-    // child process has a peer of its own: a fork keeps no other thread.
+    // A negative count is returned; only the variadic form reports it.
     Captured c = run_captured([] {
         FakeRedis peer;
         const int variadic =
@@ -374,3 +373,30 @@ TEST(ScriptedPeer, PublishAndSubscribeRepliesOfEveryShape)
               }),
               -3);
 }
+
+#include <hiredis/hiredis.h>
+
+// hiredis 0.14 has no bound on declared lengths.
+#if HIREDIS_MAJOR >= 1
+TEST(ScriptedPeer, HugeDeclaredArrayIsRefusedBeforeAnyAllocation)
+{
+    // An unbounded reader would reserve 16 GiB for the elements and then
+    // report the peer's close (or fail the allocation); a bounded one
+    // refuses the length as a protocol error at once.
+    FakeRedis peer;
+    const std::vector<std::pair<int, int (*)(bMSG::Messager&)>> rows = {
+        {-3, [](bMSG::Messager& m) { char b[8]; return m.list_recv("L", b, 8, 1, nullptr, 0); }},
+        {-8, [](bMSG::Messager& m) { char b[8]; return m.get("K", b, 8); }},
+    };
+    for (const auto& [expected, call] : rows) {
+        int err = 0;
+        EXPECT_EQ(against(peer, "*2147483647\r\n", [&, call = call](bMSG::Messager& m) {
+                      const int rc = call(m);
+                      err = m.redis_context()->err;
+                      return rc;
+                  }),
+                  expected);
+        EXPECT_EQ(err, REDIS_ERR_PROTOCOL);
+    }
+}
+#endif

@@ -185,6 +185,13 @@ TEST_F(Http, EachMethodAsTheServerReceivesIt)
             EXPECT_EQ(r.headers, with_length) << verb;
             EXPECT_EQ(r.body, "");
         }
+        // Several MiB of every byte value arrive whole.
+        std::string big(5 << 20, '\0');
+        for (size_t i = 0; i < big.size(); ++i)
+            big[i] = static_cast<char>(i * 7 + i / 251);
+        r = parse(send(client, op, "/big", big.data(), big.size()).body);
+        EXPECT_EQ(r.line, std::string(verb) + " /big HTTP/1.1");
+        EXPECT_TRUE(r.body == big) << verb << ": " << r.body.size() << " bytes arrived";
     }
 
     // DELETE: none of the three headers; a body only when there is one.
@@ -308,19 +315,16 @@ TEST_F(Http, BrokenServersAndRetries)
 TEST_F(Http, SilentServersTimeOut)
 {
     Outcome hang, stall;
-    auto started = std::chrono::steady_clock::now();
     std::thread t([&] { hang = get(client, "/hang"); });
     stall = get(client, "/stall");
     t.join();
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     for (const Outcome* o : {&hang, &stall}) {
         EXPECT_EQ(o->errors, 1);
         EXPECT_EQ(o->responses, 0);
         EXPECT_EQ(o->state, bMSG::HTTP_STATE_SYS_ERROR);
         EXPECT_EQ(o->error, ETIMEDOUT);
+        EXPECT_EQ(o->body, "") << "a time-out gives no partial body";
     }
-    EXPECT_GT(seconds, 9.0);
-    EXPECT_LT(seconds, 40.0);
 }
 
 TEST_F(Http, Redirects)

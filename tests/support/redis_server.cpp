@@ -1,9 +1,9 @@
 #include "redis_server.h"
 
+#include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -14,8 +14,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -117,41 +115,16 @@ void RedisServer::restart()
     }
 }
 
-static std::string slurp(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 Captured run_captured(const std::function<int()>& fn)
 {
-    char out_path[] = "/tmp/bmsg-out-XXXXXX";
-    char err_path[] = "/tmp/bmsg-err-XXXXXX";
-    int out = mkstemp(out_path);
-    int err = mkstemp(err_path);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    Captured c;
+    c.status = fn();
     fflush(stdout);
     fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out, 1);
-        dup2(err, 2);
-        int rc = fn();
-        fflush(stdout);
-        fflush(stderr);
-        _exit(rc);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Captured c;
-    c.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    c.out = slurp(out_path);
-    c.err = slurp(err_path);
-    ::close(out);
-    ::close(err);
-    unlink(out_path);
-    unlink(err_path);
+    c.out = testing::internal::GetCapturedStdout();
+    c.err = testing::internal::GetCapturedStderr();
     return c;
 }
 

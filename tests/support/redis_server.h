@@ -46,9 +46,10 @@ private:
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 uint16_t free_port();
 
-// Output of a function run in a forked child with stdout and stderr caught.
+// What fn returned and printed, run in this process with stdout and stderr
+// caught (each test runs in a process of its own).
 struct Captured {
-    int status;  // the child's exit code, or 128 + signal
+    int status;  // what fn returned
     std::string out;
     std::string err;
 };
