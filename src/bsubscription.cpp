@@ -20,7 +20,7 @@ Subscription::Subscription(const char* address, uint16_t port,
         redisFree(c);
         return;
     }
-    close_on_exec(c);
+    prepare_connection(c);
     context_ = c;
     status_ = -3;
     if (channels.empty())
