@@ -9,12 +9,12 @@
 // limit is killed and the run fails.
 #include "redis_server.h"
 
-#include <signal.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -22,37 +22,36 @@ namespace {
 
 constexpr int limit_ms = 100000;
 
-pid_t start(char** argv)
+// Under an emulator the interpreter is our lua_host: scripts start child runs
+// through BMSG_LUA, so it names a wrapper that puts the emulator in front.
+std::string interpreter(const std::string& given, const std::string& dir)
 {
-    std::vector<char*> args{argv[1], argv[3]};
-    for (char** a = argv + 4; *a; ++a)
-        args.push_back(*a);
-    args.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        execv(args[0], args.data());
-        perror(args[0]);
-        _exit(127);
-    }
-    return pid;
+    const char* emulator = getenv("BMSG_TEST_EMULATOR");
+    if (!emulator || !*emulator)
+        return given;
+    const std::string wrapper = dir + "/lua";
+    std::ofstream(wrapper) << "#!/bin/sh\nexec " << emulator << " '" << given << "' \"$@\"\n";
+    chmod(wrapper.c_str(), 0700);
+    return wrapper;
 }
 
-int wait_for(pid_t pid)
+int wait_for(bmsg_test::Child& script)
 {
-    int status = 0;
-    for (int waited = 0; waitpid(pid, &status, WNOHANG) != pid; waited += 50) {
+    for (int waited = 0; !script.ended(); waited += 50) {
         if (waited >= limit_ms) {
             fprintf(stderr, "lua_runner: script still running after %d ms, killed\n", limit_ms);
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
             return 1;
         }
         usleep(50000);
     }
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    fprintf(stderr, "lua_runner: script ended by signal %d\n", WTERMSIG(status));
-    return 1;
+    fputs(script.out().c_str(), stdout);
+    fputs(script.err().c_str(), stderr);
+    const int rc = script.wait();
+    if (rc > 128) {
+        fprintf(stderr, "lua_runner: script ended by signal %d\n", rc - 128);
+        return 1;
+    }
+    return rc;
 }
 
 } // namespace
@@ -66,14 +65,20 @@ int main(int argc, char** argv)
     bmsg_test::RedisServer server;
     const std::string script = argv[3];
     const std::string script_dir = script.substr(0, script.rfind('/') + 1);
+    const std::string lua = interpreter(argv[1], server.dir());
     setenv("BMSG_TEST_PORT", std::to_string(server.port()).c_str(), 1);
     setenv("BMSG_TEST_SOCKET", server.socket().c_str(), 1);
     setenv("BMSG_TEST_REDIS_PID", std::to_string(server.pid()).c_str(), 1);
     setenv("BMSG_TEST_DEAD_PORT", std::to_string(bmsg_test::free_port()).c_str(), 1);
-    setenv("BMSG_LUA", argv[1], 1);
+    setenv("BMSG_LUA", lua.c_str(), 1);
     setenv("LUA_CPATH", (std::string(argv[2]) + "/?.so").c_str(), 1);
     setenv("LUA_PATH", (script_dir + "?.lua").c_str(), 1);
-    fflush(stdout);
-    fflush(stderr);
-    return wait_for(start(argv));
+    std::vector<std::string> args{script};
+    for (char** a = argv + 4; *a; ++a)
+        args.push_back(*a);
+    bmsg_test::Child run = bmsg_test::spawn_native(lua, args);
+    const int rc = wait_for(run);
+    if (lua != argv[1])
+        unlink(lua.c_str());
+    return rc;
 }

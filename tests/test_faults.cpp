@@ -98,14 +98,11 @@ TEST_P(ServerKilled, BlockedPopAndSubscribeReturnAtOnceAndANewMessagerWorksAfter
 
 TEST_P(ServerKilled, CommandsInALoopFailWithTheirCodesOnceTheServerIsGone)
 {
-    // Another process kills the server in the middle of the loop's work (a
-    // thread would be copied into the fork below in an unknown state).
-    const pid_t killer = fork();
-    if (killer == 0) {
+    // Another thread kills the server in the middle of the loop's work.
+    std::thread killer([&] {
         wait_until([&] { return atoi(redis_raw(server, "GET k").c_str()) >= 300; });
         server.stop(SIGKILL);
-        _exit(0);
-    }
+    });
     Captured c = run_captured([&] {
         bMSG::Messager m(address(), server.port(), 1);
         if (!m.redis_context())
@@ -139,7 +136,7 @@ TEST_P(ServerKilled, CommandsInALoopFailWithTheirCodesOnceTheServerIsGone)
         }
         return 3;
     });
-    waitpid(killer, nullptr, 0);
+    killer.join();
     EXPECT_EQ(c.status, 0) << c.out;
     EXPECT_NE(c.out.find("failed from iteration"), std::string::npos) << c.out;
 }

@@ -332,8 +332,7 @@ TEST(ScriptedPeer, GetSetAndListRepliesOfEveryType)
 
 TEST(ScriptedPeer, PublishAndSubscribeRepliesOfEveryShape)
 {
-    // A negative count is returned; only the variadic form reports it. The
-    // child process has a peer of its own: a fork keeps no other thread.
+    // A negative count is returned; only the variadic form reports it.
     Captured c = run_captured([] {
         FakeRedis peer;
         const int variadic =

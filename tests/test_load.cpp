@@ -4,11 +4,11 @@
 //
 // BMSG_LOAD_MESSAGES sets the messages per producer (default 50000).
 #include "bmessager.h"
+#include "child.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -41,26 +41,13 @@ const char* address_for(const RedisServer& server, int i)
     return i % 2 ? server.socket().c_str() : "127.0.0.1";
 }
 
-pid_t spawn(const std::function<int()>& fn)
-{
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(fn());
-    return pid;
-}
+} // namespace
 
-int exit_code(pid_t pid)
+// address, port, producer number, messages.
+BMSG_ROLE(producer)
 {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-int produce(const RedisServer& server, int p, int count)
-{
-    bMSG::Messager m(address_for(server, p), server.port(), 3);
+    bMSG::Messager m(args.at(0).c_str(), static_cast<uint16_t>(std::stoi(args.at(1))), 3);
+    const int p = std::stoi(args.at(2)), count = std::stoi(args.at(3));
     for (int seq = 0; seq < count; ++seq)
         if (m.list_send(queue, "%d:%d", p, seq) != 0)
             return 1;
@@ -68,10 +55,11 @@ int produce(const RedisServer& server, int p, int count)
 }
 
 // Pops until its sentinel, writing each (producer, sequence) pair to `path`.
-int consume(const RedisServer& server, int c, const std::string& path)
+// address, port, path.
+BMSG_ROLE(consumer)
 {
-    bMSG::Messager m(address_for(server, c), server.port(), 3);
-    FILE* out = fopen(path.c_str(), "wb");
+    bMSG::Messager m(args.at(0).c_str(), static_cast<uint16_t>(std::stoi(args.at(1))), 3);
+    FILE* out = fopen(args.at(2).c_str(), "wb");
     if (!out)
         return 1;
     int idle = 0;
@@ -98,8 +86,6 @@ int consume(const RedisServer& server, int c, const std::string& path)
     return fclose(out) == 0 ? 0 : 5;
 }
 
-} // namespace
-
 TEST(Load, EightProducersEightConsumersGetEveryMessageOnceInProducerOrder)
 {
     const int count = messages_per_producer();
@@ -110,20 +96,23 @@ TEST(Load, EightProducersEightConsumersGetEveryMessageOnceInProducerOrder)
     auto result_file = [&](int c) { return dir + "/consumer" + std::to_string(c); };
 
     const auto start = std::chrono::steady_clock::now();
-    std::vector<pid_t> consumer_pids, producer_pids;
+    const std::string port = std::to_string(server.port());
+    std::vector<bmsg_test::Child> consumer_runs, producer_runs;
     for (int c = 0; c < consumers; ++c)
-        consumer_pids.push_back(spawn([&, c] { return consume(server, c, result_file(c)); }));
+        consumer_runs.push_back(
+            bmsg_test::spawn_role("consumer", {address_for(server, c), port, result_file(c)}));
     for (int p = 0; p < producers; ++p)
-        producer_pids.push_back(spawn([&, p] { return produce(server, p, count); }));
-    for (pid_t pid : producer_pids)
-        EXPECT_EQ(exit_code(pid), 0) << "producer";
+        producer_runs.push_back(bmsg_test::spawn_role(
+            "producer", {address_for(server, p), port, std::to_string(p), std::to_string(count)}));
+    for (bmsg_test::Child& run : producer_runs)
+        EXPECT_EQ(run.wait(), 0) << "producer " << run.err();
     // Every message is queued before the sentinels, so a consumer that pops
     // a sentinel leaves no message behind.
     bMSG::Messager m(server.socket().c_str(), 0, 1);
     for (int c = 0; c < consumers; ++c)
         ASSERT_EQ(m.list_send(queue, "%s", sentinel), 0);
-    for (pid_t pid : consumer_pids)
-        EXPECT_EQ(exit_code(pid), 0) << "consumer";
+    for (bmsg_test::Child& run : consumer_runs)
+        EXPECT_EQ(run.wait(), 0) << "consumer " << run.err();
     const double took =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 

@@ -1,6 +1,7 @@
 #include "bimage.h"
 #include "bmessager.h"
 #include "bshmem.h"
+#include "child.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +25,9 @@
 
 using BImage::Image;
 using bmsg_test::Captured;
+using bmsg_test::Child;
 using bmsg_test::RedisServer;
+using bmsg_test::spawn_role;
 using bmsg_test::redis_raw;
 using bmsg_test::thrown_by;
 
@@ -73,41 +76,6 @@ bool filled_with(const Image& image, uint32_t seed)
     return true;
 }
 
-// Exit code of a child after `rc`, with a leak check of the child first in
-// sanitizer builds (_exit skips the one at exit).
-int leak_checked(int rc)
-{
-#ifdef __SANITIZE_ADDRESS__
-    if (__lsan_do_recoverable_leak_check())
-        return 99;
-#endif
-    return rc;
-}
-
-// Runs fn in a child process that exits with its result; 100 when it threw.
-pid_t fork_child(const std::function<int()>& fn)
-{
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int rc = 100;
-        try {
-            rc = fn();
-        } catch (...) {
-        }
-        _exit(leak_checked(rc));
-    }
-    return pid;
-}
-
-int wait_child(pid_t pid)
-{
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // Runs op on a fresh Messager in a child with its output caught. Exit code 0
 // when op returned null, 1 when it returned an image.
 Captured in_child(const RedisServer& server, const std::function<Image*(bMSG::Messager&)>& op)
@@ -119,7 +87,7 @@ Captured in_child(const RedisServer& server, const std::function<Image*(bMSG::Me
             ImagePtr image(op(bus));
             rc = image ? 1 : 0;
         }
-        return leak_checked(rc);
+        return rc;
     });
 }
 
@@ -148,6 +116,80 @@ void push_raw(const RedisServer& server, const std::string& modality, const void
 }
 
 } // namespace
+
+BMSG_ROLE(receive_two)
+{
+    const std::string small = args.at(1), large = args.at(2);
+    bMSG::Messager bus("127.0.0.1", static_cast<uint16_t>(std::stoi(args.at(0))), 3);
+    char out[64] = {};
+    // The sender pushes the large image first, so both are there once
+    // the small one arrives.
+    ImagePtr a(bus.bio_sample_recv({small.c_str()}, 20, out, sizeof out));
+    if (!a)
+        return 1;
+    if (out != small || a->width != 640 || a->height != 480 || a->format != BImage::GRAY8 ||
+        !filled_with(*a, 1))
+        return 2;
+
+    ImagePtr b(bus.bio_sample_read(large.c_str()));
+    ImagePtr b2(bus.bio_sample_read(large.c_str()));
+    if (!b || !b2 || bus.list_size(list_key(large).c_str()) != 1)
+        return 3;
+    if (b->width != 1920 || b->height != 1080 || b->format != BImage::RGB24 ||
+        b->count() != 1920 * 1080 * 3 || !filled_with(*b, 2) || !filled_with(*b2, 2))
+        return 4;
+
+    const std::string none = unique_modality("NONE");
+    char name[64] = "untouched";
+    ImagePtr c(bus.bio_sample_read({none.c_str(), large.c_str()}, name, sizeof name));
+    if (!c || name != large || !filled_with(*c, 2))
+        return 5;
+    ImagePtr d(bus.bio_sample_recv({large.c_str()}, 5, out, sizeof out));
+    if (!d || out != large || !filled_with(*d, 2) || bus.list_size(list_key(large).c_str()) != 0)
+        return 6;
+    // Both segments were opened once, by name, without owning them.
+    if (bus.segments.size() != 2 || bus.segments.at(large)->owner)
+        return 7;
+    return 0;
+}
+
+BMSG_ROLE(receive_stream)
+{
+    const std::string modality = args.at(1);
+    const uint32_t frames = 200, patterns = 4;
+    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
+    char out[64];
+    uint32_t last = 0;
+    for (uint32_t i = 0; i < frames; ++i) {
+        ImagePtr image(bus.bio_sample_recv({modality.c_str()}, 20, out, sizeof out));
+        if (!image || image->count() != 640 * 480)
+            return 1;
+        uint32_t id;
+        memcpy(&id, image->data, 4);
+        // The segment holds the newest frame: never older than the
+        // descriptor just popped, never older than the last one seen.
+        if (id >= frames || id < i || id < last)
+            return 2;
+        for (int k = 4; k < image->count(); ++k)
+            if (image->data[k] != pattern(id % patterns, static_cast<uint32_t>(k)))
+                return 3;
+        last = id;
+    }
+    return 0;
+}
+
+BMSG_ROLE(send_then_exit)
+{
+    const std::string gone = args.at(1);
+    Image image(32, 24, BImage::GRAY8, nullptr);
+    fill(image, 11);
+    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
+    for (int i = 0; i < 3; ++i)
+        if (bus.bio_sample_send(gone.c_str(), &image) != 0)
+            return 1;
+    char go[8];
+    return bus.list_recv("GO", go, sizeof go, 20, nullptr, 0) == 2 ? 0 : 2;
+}
 
 TEST(ImageRecord, CountFollowsTheFormatTableIn32BitArithmetic)
 {
@@ -274,39 +316,7 @@ TEST(SampleTransfer, ImagesCrossProcessesWithIdenticalPixels)
     const std::string small = unique_modality("FACE");
     const std::string large = unique_modality("IRIS");
 
-    pid_t receiver = fork_child([&] {
-        bMSG::Messager bus("127.0.0.1", server.port(), 3);
-        char out[64] = {};
-        // The sender pushes the large image first, so both are there once
-        // the small one arrives.
-        ImagePtr a(bus.bio_sample_recv({small.c_str()}, 20, out, sizeof out));
-        if (!a)
-            return 1;
-        if (out != small || a->width != 640 || a->height != 480 || a->format != BImage::GRAY8 ||
-            !filled_with(*a, 1))
-            return 2;
-
-        ImagePtr b(bus.bio_sample_read(large.c_str()));
-        ImagePtr b2(bus.bio_sample_read(large.c_str()));
-        if (!b || !b2 || bus.list_size(list_key(large).c_str()) != 1)
-            return 3;
-        if (b->width != 1920 || b->height != 1080 || b->format != BImage::RGB24 ||
-            b->count() != 1920 * 1080 * 3 || !filled_with(*b, 2) || !filled_with(*b2, 2))
-            return 4;
-
-        const std::string none = unique_modality("NONE");
-        char name[64] = "untouched";
-        ImagePtr c(bus.bio_sample_read({none.c_str(), large.c_str()}, name, sizeof name));
-        if (!c || name != large || !filled_with(*c, 2))
-            return 5;
-        ImagePtr d(bus.bio_sample_recv({large.c_str()}, 5, out, sizeof out));
-        if (!d || out != large || !filled_with(*d, 2) || bus.list_size(list_key(large).c_str()) != 0)
-            return 6;
-        // Both segments were opened once, by name, without owning them.
-        if (bus.segments.size() != 2 || bus.segments.at(large)->owner)
-            return 7;
-        return 0;
-    });
+    Child receiver = spawn_role("receive_two", {std::to_string(server.port()), small, large});
 
     {
         bMSG::Messager bus(server.socket().c_str(), 0, 3);
@@ -316,7 +326,7 @@ TEST(SampleTransfer, ImagesCrossProcessesWithIdenticalPixels)
         fill(grey, 1);
         ASSERT_EQ(bus.bio_sample_send(large.c_str(), &big), 0);
         ASSERT_EQ(bus.bio_sample_send(small.c_str(), &grey), 0);
-        EXPECT_EQ(wait_child(receiver), 0);
+        EXPECT_EQ(receiver.wait(), 0);
         EXPECT_EQ(list_length(server, small), 0);
         EXPECT_EQ(list_length(server, large), 0);
         ASSERT_EQ(bus.segments.size(), 2u);
@@ -337,27 +347,7 @@ TEST(SampleTransfer, ManyFramesArriveWholeWhileTheSenderKeepsWriting)
     // The patterns are made in advance so that the sends follow each other
     // closely and overlap the receiver's copies.
     const uint32_t patterns = 4;
-    pid_t receiver = fork_child([&] {
-        bMSG::Messager bus(server.socket().c_str(), 0, 3);
-        char out[64];
-        uint32_t last = 0;
-        for (uint32_t i = 0; i < frames; ++i) {
-            ImagePtr image(bus.bio_sample_recv({modality.c_str()}, 20, out, sizeof out));
-            if (!image || image->count() != 640 * 480)
-                return 1;
-            uint32_t id;
-            memcpy(&id, image->data, 4);
-            // The segment holds the newest frame: never older than the
-            // descriptor just popped, never older than the last one seen.
-            if (id >= frames || id < i || id < last)
-                return 2;
-            for (int k = 4; k < image->count(); ++k)
-                if (image->data[k] != pattern(id % patterns, static_cast<uint32_t>(k)))
-                    return 3;
-            last = id;
-        }
-        return 0;
-    });
+    Child receiver = spawn_role("receive_stream", {server.socket(), modality});
 
     {
         bMSG::Messager bus(server.socket().c_str(), 0, 3);
@@ -371,7 +361,7 @@ TEST(SampleTransfer, ManyFramesArriveWholeWhileTheSenderKeepsWriting)
             memcpy(frame.data, &id, 4);
             ASSERT_EQ(bus.bio_sample_send(modality.c_str(), &frame), 0);
         }
-        EXPECT_EQ(wait_child(receiver), 0);
+        EXPECT_EQ(receiver.wait(), 0);
     }
     EXPECT_FALSE(segment_exists(modality));
 }
@@ -536,7 +526,7 @@ TEST(SampleSend, NoConnectionGivesMinusOneAndNullImages)
             if (!bus.segments.empty())
                 rc |= 8;
         }
-        return leak_checked(rc);
+        return rc;
     });
     EXPECT_EQ(c.status, 0);
     // One failed attempt in the constructor and one per operation.
@@ -590,7 +580,7 @@ TEST(SampleFailures, ReceiveReportsAndLosesThePoppedDescriptor)
             ImagePtr image(bus.bio_sample_recv({shrunk.c_str()}, 5, name, len));
             rc = image ? 1 : shrunk.compare(0, len - 1, name) != 0 ? 2 : 0;
         }
-        return leak_checked(rc);
+        return rc;
     });
     expect_report(c, "bio_sample_recv", "buffer size too small: " + std::to_string(len));
     EXPECT_EQ(list_length(server, shrunk), 0);
@@ -618,7 +608,7 @@ TEST(SampleFailures, ReadReportsAndKeepsOnlyUsableDescriptors)
             ImagePtr image(bus.bio_sample_read({empty.c_str(), "nothing"}, out, sizeof out));
             rc = image ? 1 : strcmp(out, "untouched") != 0 ? 2 : 0;
         }
-        return leak_checked(rc);
+        return rc;
     });
     expect_silent_null(c);
 
@@ -648,7 +638,7 @@ TEST(SampleFailures, ReadReportsAndKeepsOnlyUsableDescriptors)
             ImagePtr image(bus.bio_sample_read(wrong.c_str()));
             rc = image ? 1 : bus.redis_context() ? 2 : bus.set("after", "reconnected") != 0 ? 3 : 0;
         }
-        return leak_checked(rc);
+        return rc;
     });
     expect_report(c, "bio_sample_read", "bad data type: 6, value is INT 0");
     EXPECT_EQ(redis_raw(server, "GET after"), "reconnected");
@@ -692,7 +682,7 @@ TEST(SampleFailures, SegmentTruncatedByAnotherProcessGivesInvalidNotSigbus)
             if (!rc && (!third || !filled_with(*third, 8)))
                 rc = 7;
         }
-        return leak_checked(rc);
+        return rc;
     });
     expect_report(c, "bio_sample_recv", "shared memory is invalid");
     // The sends ran in the child, whose copy of the sender never unlinks.
@@ -736,17 +726,10 @@ TEST(SampleFailures, UnlinkedSegmentStillServesReceiversThatMappedIt)
     // The sender process exits, its Messager unlinking the segment, while
     // descriptors are still queued.
     const std::string gone = unique_modality("GONE");
-    const pid_t sender = fork_child([&] {
-        bMSG::Messager bus(server.socket().c_str(), 0, 3);
-        for (int i = 0; i < 3; ++i)
-            if (bus.bio_sample_send(gone.c_str(), &image) != 0)
-                return 1;
-        char go[8];
-        return bus.list_recv("GO", go, sizeof go, 20, nullptr, 0) == 2 ? 0 : 2;
-    });
+    Child sender = spawn_role("send_then_exit", {server.socket(), gone});
     expect_only_mapped_receivers_load(server, gone, [&] {
         redis_raw(server, "LPUSH GO go");
-        EXPECT_EQ(wait_child(sender), 0);
+        EXPECT_EQ(sender.wait(), 0);
     });
 
     // Someone else removes the name while the sender lives on.

@@ -3,11 +3,11 @@
 // carry exactly the pixels its frame counter announces.
 #include "bimage.h"
 #include "bmessager.h"
+#include "child.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -66,13 +66,29 @@ int load_seconds()
     return s ? atoi(s) : 60;
 }
 
-// Sends frames until the deadline, keeping the queue short.
-int produce(const RedisServer& server, const Stream& s, Clock::time_point deadline)
+// A stream from role arguments: socket, modality, width, height, format, seconds.
+Stream stream(const std::vector<std::string>& args)
 {
-    bMSG::Messager bus(server.socket().c_str(), 0, 3);
+    return {args.at(1), std::stoi(args.at(2)), std::stoi(args.at(3)),
+            static_cast<BImage::ImageFormat>(std::stoi(args.at(4)))};
+}
+
+Clock::time_point deadline(const std::vector<std::string>& args)
+{
+    return Clock::now() + std::chrono::seconds(std::stoi(args.at(5)));
+}
+
+} // namespace
+
+// Sends frames until the deadline, keeping the queue short.
+BMSG_ROLE(produce)
+{
+    const Stream s = stream(args);
+    const auto end = deadline(args);
+    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
     BImage::Image image(s.width, s.height, s.format, nullptr);
     const std::string key = std::string(bus.bio_sample) + s.modality;
-    for (uint32_t frame = 1; Clock::now() < deadline; ++frame) {
+    for (uint32_t frame = 1; Clock::now() < end; ++frame) {
         paint(image, frame);
         if (bus.bio_sample_send(s.modality.c_str(), &image) != 0)
             return 1;
@@ -84,18 +100,20 @@ int produce(const RedisServer& server, const Stream& s, Clock::time_point deadli
     return 0;
 }
 
-// Receives until nothing arrived for two seconds after the deadline; writes
-// the number of images checked to `out`. Exit 0 only if every image matched.
-int consume(const RedisServer& server, const Stream& s, Clock::time_point deadline, int out)
+// Receives until nothing arrived for two seconds after the deadline; prints
+// the number of images checked. Exit 0 only if every image matched.
+BMSG_ROLE(consume)
 {
-    bMSG::Messager bus(server.socket().c_str(), 0, 3);
+    const Stream s = stream(args);
+    const auto end = deadline(args);
+    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
     long checked = 0;
     char name[64];
     for (;;) {
         std::unique_ptr<BImage::Image> image(
             bus.bio_sample_recv({s.modality.c_str()}, 2, name, sizeof name));
         if (!image) {
-            if (Clock::now() > deadline)
+            if (Clock::now() > end)
                 break;
             continue;
         }
@@ -104,45 +122,31 @@ int consume(const RedisServer& server, const Stream& s, Clock::time_point deadli
             return 1;
         ++checked;
     }
-    return write(out, &checked, sizeof checked) == sizeof checked ? 0 : 2;
+    printf("%ld\n", checked);
+    return 0;
 }
-
-} // namespace
 
 TEST(SampleLoad, TwoProducersFourConsumersEveryImageWhole)
 {
     RedisServer server;
     const std::string tag = std::to_string(getpid());
+    const std::string seconds = std::to_string(load_seconds());
     const Stream streams[2] = {{"LOADFACE" + tag, 640, 480, static_cast<BImage::ImageFormat>(0)},
                                {"LOADIRIS" + tag, 320, 240, static_cast<BImage::ImageFormat>(1)}};
-    const auto deadline = Clock::now() + std::chrono::seconds(load_seconds());
-    int counts[2];
-    ASSERT_EQ(pipe(counts), 0);
-
-    std::vector<pid_t> children;
-    auto spawn = [&](const std::function<int()>& fn) {
-        pid_t pid = fork();
-        if (pid == 0)
-            _exit(fn());
-        children.push_back(pid);
-    };
+    std::vector<bmsg_test::Child> children;
     for (const Stream& s : streams) {
-        spawn([&] { return produce(server, s, deadline); });
+        const std::vector<std::string> args{server.socket(), s.modality, std::to_string(s.width),
+                                            std::to_string(s.height),
+                                            std::to_string(static_cast<int>(s.format)), seconds};
+        children.push_back(bmsg_test::spawn_role("produce", args));
         for (int c = 0; c < 2; ++c)
-            spawn([&] { return consume(server, s, deadline, counts[1]); });
+            children.push_back(bmsg_test::spawn_role("consume", args));
     }
-    int failed = 0;
-    for (pid_t pid : children) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        failed += !(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    long total = 0;
+    for (bmsg_test::Child& c : children) {
+        EXPECT_EQ(c.wait(), 0) << c.err();
+        total += atol(c.out().c_str());
     }
-    close(counts[1]);
-    long total = 0, n = 0;
-    while (read(counts[0], &n, sizeof n) == sizeof n)
-        total += n;
-    close(counts[0]);
-    EXPECT_EQ(failed, 0);
     EXPECT_GT(total, 0);
     printf("images checked: %ld\n", total);
 }

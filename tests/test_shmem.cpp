@@ -1,20 +1,20 @@
 #include "bshmem.h"
+#include "child.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 
 using bMSG::SharedMemory;
-using bmsg_test::Captured;
-using bmsg_test::run_captured;
+using bmsg_test::Child;
+using bmsg_test::spawn_role;
 using bmsg_test::thrown_by;
 
 namespace {
@@ -24,188 +24,205 @@ std::string unique_name(const char* tag)
     return std::string("/bmsg_test_") + tag + "_" + std::to_string(getpid());
 }
 
-int wait_child(pid_t pid)
+bool exists(const std::string& name)
 {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return SharedMemory(name, 0, false).addr != nullptr;
 }
 
-// Forks a process that opens the segment, takes its mutex, then runs
-// `holding` (which must end the process); returns once the lock is held.
-pid_t fork_holding_lock(const std::string& name, const std::function<void(SharedMemory&)>& holding)
+std::string read_text(SharedMemory& seg, size_t len, size_t offset = 0)
 {
-    int ready[2];
-    if (pipe(ready) != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        SharedMemory peer(name, 8, false);
-        pthread_mutex_lock(peer.mutex);
-        (void)!::write(ready[1], "x", 1);
-        holding(peer);
-        _exit(0);
-    }
-    char c;
-    (void)!::read(ready[0], &c, 1);
-    close(ready[0]);
-    close(ready[1]);
-    return pid;
+    std::string s(len, '\0');
+    seg.read(&s[0], len, offset);
+    return s;
+}
+
+// Says `word` on stdout at once, so that the test can wait for it.
+void say(const char* word)
+{
+    puts(word);
+    fflush(stdout);
+}
+
+bool said(const Child& c, const char* word)
+{
+    return bmsg_test::wait_until([&] { return c.out().find(word) != std::string::npos; });
 }
 
 } // namespace
 
-TEST(SharedMemory, DataCrossesProcessesBothWays)
+// name: opens the segment without creating it, checks the creator's text,
+// answers at payload offset 95 and returns (its destructor runs).
+BMSG_ROLE(peer)
 {
-    const std::string name = unique_name("data");
-    SharedMemory seg(name, 100, true);
-    ASSERT_NE(seg.addr, nullptr);
-    EXPECT_EQ(seg.size, 148u);
-    EXPECT_EQ(static_cast<void*>(seg.mutex), seg.addr);
-    EXPECT_TRUE(seg.owner);
-    char pattern[100];
-    for (int i = 0; i < 100; ++i)
-        pattern[i] = static_cast<char>(i * 7);
-    seg.write(pattern, 100, 0);
+    SharedMemory peer(args.at(0), 100, false);
+    if (!peer.addr || peer.owner || read_text(peer, 5) != "hello")
+        return 1;
+    peer.write("reply", 5, 95);
+    peer.close();
+    peer.close();
+    return 0;
+}
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        SharedMemory peer(name, 100, false);
-        char got[100];
-        if (!peer.addr || peer.owner)
-            _exit(1);
-        peer.read(got, 100, 0);
-        if (memcmp(got, pattern, 100) != 0)
-            _exit(2);
-        peer.write("reply", 5, 95);
-        _exit(0);
+// name: creates the segment, writes "mine", says "made" and returns once
+// the file named second exists.
+BMSG_ROLE(creator)
+{
+    SharedMemory seg(args.at(0), 8, true);
+    seg.write("mine", 4, 0);
+    say("made");
+    return bmsg_test::wait_until([&] { return access(args.at(1).c_str(), F_OK) == 0; }) ? 0 : 1;
+}
+
+// name, ms: takes the segment lock, says "locked", then after ms writes 'B'
+// to payload byte 0 behind the class's back and unlocks.
+BMSG_ROLE(hold_lock)
+{
+    SharedMemory peer(args.at(0), 8, false);
+    if (!peer.addr || pthread_mutex_lock(peer.mutex) != 0)
+        return 1;
+    say("locked");
+    usleep(std::stoi(args.at(1)) * 1000);
+    static_cast<char*>(peer.addr)[SharedMemory::header_size] = 'B';
+    pthread_mutex_unlock(peer.mutex);
+    return 0;
+}
+
+TEST(SharedMemory, OnlyTheCreatorUnlinksAcrossProcesses)
+{
+    const std::string name = unique_name("owner");
+    {
+        SharedMemory seg(name, 100, true);
+        ASSERT_NE(seg.addr, nullptr);
+        EXPECT_EQ(seg.size, 148u);
+        EXPECT_EQ(static_cast<void*>(seg.mutex), seg.addr);
+        seg.write("hello", 5, 0);
+        Child peer = spawn_role("peer", {name});
+        ASSERT_EQ(peer.wait(), 0) << peer.err();
+        EXPECT_EQ(read_text(seg, 5, 95), "reply");
+        EXPECT_EQ(memcmp(static_cast<char*>(seg.addr) + 48, "hello", 5), 0);
+        EXPECT_TRUE(exists(name)) << "a process that did not create it left the name";
     }
-    ASSERT_EQ(wait_child(pid), 0);
-    char tail[5];
-    seg.read(tail, 5, 95);
-    EXPECT_EQ(std::string(tail, 5), "reply");
-    // The payload starts 48 bytes into the segment.
-    EXPECT_EQ(memcmp(static_cast<char*>(seg.addr) + 48, pattern, 95), 0);
-    SharedMemory still_there(name, 100, false);
-    EXPECT_NE(still_there.addr, nullptr) << "a non-owner leaves the name";
+    EXPECT_FALSE(exists(name)) << "the creator's destructor unlinks";
+
+    const std::string go = "/tmp" + unique_name("go");
+    Child creator = spawn_role("creator", {name, go});
+    ASSERT_TRUE(said(creator, "made")) << creator.err();
+    {
+        SharedMemory other(name, 8, false);
+        ASSERT_NE(other.addr, nullptr);
+        EXPECT_FALSE(other.owner);
+        EXPECT_EQ(read_text(other, 4), "mine");
+    }
+    EXPECT_TRUE(exists(name)) << "our close must not unlink the creator's segment";
+    fclose(fopen(go.c_str(), "w"));
+    EXPECT_EQ(creator.wait(), 0);
+    unlink(go.c_str());
+    EXPECT_FALSE(exists(name)) << "the exiting creator unlinks";
 }
 
 TEST(SharedMemory, CopiesWaitForTheLockHeldByAnotherProcess)
 {
     const std::string name = unique_name("lock");
     SharedMemory seg(name, 8, true);
-    pid_t pid = fork_holding_lock(name, [](SharedMemory& peer) {
-        usleep(300 * 1000);
-        // Written without the class, while the lock is held: a reader that
-        // did not wait would see the old byte.
-        static_cast<char*>(peer.addr)[48] = 'B';
-        pthread_mutex_unlock(peer.mutex);
-    });
-    char c;
-    seg.read(&c, 1, 0);
-    EXPECT_EQ(c, 'B');
-    EXPECT_EQ(wait_child(pid), 0);
+    Child holder = spawn_role("hold_lock", {name, "300"});
+    ASSERT_TRUE(said(holder, "locked")) << holder.err();
+    EXPECT_EQ(read_text(seg, 1), "B") << "a reader that did not wait sees the old byte";
+    EXPECT_EQ(holder.wait(), 0);
 }
 
 TEST(SharedMemory, LockHeldByAKilledProcessIsTakenOver)
 {
+    if (!bmsg_test::robust_futexes())
+        GTEST_SKIP() << "this platform has no robust futexes (get_robust_list: ENOSYS)";
     const std::string name = unique_name("robust");
     SharedMemory seg(name, 8, true);
-    pid_t pid = fork_holding_lock(name, [](SharedMemory&) { pause(); });
-    kill(pid, SIGKILL);
-    EXPECT_EQ(wait_child(pid), 128 + SIGKILL);
-
-    // Another process reads and writes without hanging.
-    pid_t other = fork();
-    if (other == 0) {
-        alarm(10);
-        SharedMemory peer(name, 8, false);
-        peer.write("ok", 2, 0);
-        char got[2];
-        peer.read(got, 2, 0);
-        _exit(memcmp(got, "ok", 2) == 0 ? 0 : 1);
-    }
-    EXPECT_EQ(wait_child(other), 0);
-    seg.write("again", 5, 3);
+    Child holder = spawn_role("hold_lock", {name, "100000"});
+    ASSERT_TRUE(said(holder, "locked"));
+    holder.kill(SIGKILL);
+    EXPECT_EQ(holder.wait(), 128 + SIGKILL);
+    EXPECT_EQ(thrown_by([&] { seg.write("ok", 2, 0); }), "(nothing thrown)");
+    EXPECT_EQ(thrown_by([&] { EXPECT_EQ(read_text(seg, 2), "ok"); }), "(nothing thrown)")
+        << "the lock was made consistent again";
 }
 
 TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)
 {
-    SharedMemory seg("/S" + std::to_string(getpid()), 100, true);
-    const std::string n = seg.name;
+    SharedMemory seg(unique_name("bounds"), 100, true);
+    const std::string over = "Data size exceeds shared memory size: " + seg.name + " ";
+    const std::string under = "Read size exceeds shared memory size";
+    const std::string none = "(nothing thrown)";
+    struct Row {
+        bool write;
+        size_t len, offset;
+        std::string thrown;
+    } rows[] = {
+        {true, 120, 0, over + "120+0>148-48"}, {true, 1, 100, over + "1+100>148-48"},
+        {true, 2, SIZE_MAX, over + "2+" + std::to_string(SIZE_MAX) + ">148-48"},
+        {false, 101, 0, under}, {false, 2, SIZE_MAX, under}, {false, 1, 100, under},
+        {true, 0, 100, none}, {false, 0, 100, none}, {true, 100, 0, none},
+        {false, 100, 0, none}, {true, 1, 99, none}, {false, 1, 99, none},
+    };
     char buf[200] = {};
-    EXPECT_EQ(thrown_by([&] { seg.write(buf, 120, 0); }),
-              "Data size exceeds shared memory size: " + n + " 120+0>148-48");
-    EXPECT_EQ(thrown_by([&] { seg.write(buf, 1, 100); }),
-              "Data size exceeds shared memory size: " + n + " 1+100>148-48");
-    EXPECT_EQ(thrown_by([&] { seg.read(buf, 101, 0); }), "Read size exceeds shared memory size");
-    EXPECT_EQ(thrown_by([&] { seg.read(buf, 2, SIZE_MAX); }),
-              "Read size exceeds shared memory size") << "no wrap-around";
-    EXPECT_EQ(thrown_by([&] { seg.write(buf, 0, 100); }), "(nothing thrown)");
-    EXPECT_EQ(thrown_by([&] { seg.read(buf, 0, 100); }), "(nothing thrown)");
-    EXPECT_EQ(thrown_by([&] { seg.write(buf, 100, 0); }), "(nothing thrown)");
-
-    SharedMemory empty(unique_name("zero"), 0, true);
-    EXPECT_EQ(empty.size, 48u);
-    EXPECT_NE(thrown_by([&] { empty.write(buf, 1, 0); }), "(nothing thrown)");
-    EXPECT_NE(thrown_by([&] { empty.read(buf, 0, 1); }), "(nothing thrown)");
-    EXPECT_EQ(thrown_by([&] { empty.read(buf, 0, 0); }), "(nothing thrown)");
+    for (const Row& r : rows)
+        EXPECT_EQ(thrown_by([&] { r.write ? seg.write(buf, r.len, r.offset)
+                                          : seg.read(buf, r.len, r.offset); }),
+                  r.thrown)
+            << (r.write ? "write " : "read ") << r.len << "+" << r.offset;
+    // Nothing was copied by a refused write.
+    seg.write("x", 1, 99);
+    EXPECT_NE(thrown_by([&] { seg.write("yy", 2, 99); }), none);
+    EXPECT_EQ(read_text(seg, 1, 99), "x");
 }
 
 TEST(SharedMemory, OpenFailuresLeaveAnInvalidObjectQuietly)
 {
     const std::string name = unique_name("missing");
-    Captured c = run_captured([&] {
-        SharedMemory missing(name, 10, false);
-        if (missing.addr || missing.fd != -1 || missing.mutex || missing.owner)
-            return 1;
-        // A segment shorter than asked for counts as missing (no SIGBUS).
-        SharedMemory small(name, 10, true);
-        SharedMemory bigger(name, 4096, false);
-        if (bigger.addr || bigger.fd != -1)
-            return 2;
-        SharedMemory fitting(name, 10, false);
-        return fitting.addr ? 0 : 3;
-    });
-    EXPECT_EQ(c.status, 0);
-    EXPECT_EQ(c.out + c.err, "");
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    SharedMemory missing(name, 10, false);
+    EXPECT_TRUE(!missing.addr && missing.fd == -1 && !missing.mutex && !missing.owner);
+    SharedMemory small(name, 10, true);
+    // A segment shorter than asked for counts as missing (no SIGBUS).
+    SharedMemory bigger(name, 4096, false);
+    EXPECT_TRUE(!bigger.addr && bigger.fd == -1);
+    SharedMemory fitting(name, 10, false);
+    EXPECT_NE(fitting.addr, nullptr);
+    SharedMemory exact(name, 0, false);
+    EXPECT_NE(exact.addr, nullptr);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
 }
 
-TEST(SharedMemory, CreateFailuresThrowAndReportShmOpen)
+TEST(SharedMemory, CreateFailuresThrowAndLeaveNoName)
 {
-    Captured c = run_captured([] {
-        const std::string text = thrown_by([] { SharedMemory bad("/no/such/dir", 8, true); });
-        return text == "Failed to create shared memory: /no/such/dir" ? 0 : 1;
-    });
-    EXPECT_EQ(c.status, 0);
-    EXPECT_EQ(c.err.rfind("shm_open: ", 0), 0u) << c.err;
-
-    const std::string huge = thrown_by([] { SharedMemory h(unique_name("huge"), SIZE_MAX, true); });
-    EXPECT_EQ(huge, "Failed to set size of shared memory");
-    SharedMemory gone(unique_name("huge"), 1, false);
-    EXPECT_EQ(gone.addr, nullptr) << "the failed creation removed the name";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(thrown_by([] { SharedMemory bad("/no/such/dir", 8, true); }),
+              "Failed to create shared memory: /no/such/dir");
+    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("shm_open: ", 0), 0u);
+    const std::string huge = unique_name("huge");
+    EXPECT_EQ(thrown_by([&] { SharedMemory h(huge, SIZE_MAX, true); }),
+              "Failed to set size of shared memory");
+    EXPECT_FALSE(exists(huge)) << "the failed creation removed the name";
 }
 
-TEST(SharedMemory, RecreatingResizesAndOnlyTheOwnerUnlinks)
+TEST(SharedMemory, RecreatingResizesTheSameObjectAndCloseIsIdempotent)
 {
     const std::string name = unique_name("recreate");
+    SharedMemory first(name, 10, true);
+    first.write("abc", 3, 0);
     {
-        SharedMemory first(name, 10, true);
-        first.write("abc", 3, 0);
         SharedMemory second(name, 1000, true);
         struct stat st;
         ASSERT_EQ(fstat(second.fd, &st), 0);
         EXPECT_EQ(st.st_size, 1048);
-        char got[3];
-        second.read(got, 3, 0);
-        EXPECT_EQ(std::string(got, 3), "abc") << "the same object, resized";
+        EXPECT_EQ(read_text(second, 3), "abc") << "the same object, resized";
         second.close();
-        second.close();  // a second close does nothing
-        EXPECT_EQ(second.addr, nullptr);
-        EXPECT_EQ(second.fd, -1);
-        SharedMemory after(name, 10, false);
-        EXPECT_EQ(after.addr, nullptr) << "closing the owner unlinked the name";
+        second.close();
+        EXPECT_TRUE(second.addr == nullptr && second.fd == -1 && second.mutex == nullptr);
+        EXPECT_FALSE(exists(name)) << "closing an owner unlinked the name";
     }
-    SharedMemory none(name, 10, false);
-    EXPECT_EQ(none.addr, nullptr);
+    SharedMemory empty(unique_name("zero"), 0, true);
+    EXPECT_EQ(empty.size, 48u);
+    char c;
+    EXPECT_NE(thrown_by([&] { empty.write(&c, 1, 0); }), "(nothing thrown)");
 }

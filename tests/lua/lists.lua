@@ -25,18 +25,26 @@ m:bio_cmd_send("a")
 t.results("clear of a list", { 1 }, m:bio_cmd_clear())
 t.results("size after clear", { 0 }, m:bio_cmd_size())
 
--- Each method works on its own named list.
-m:device_cmd_send("reboot")
-m:bio_info_send("info")
-m:bio_resp_send("resp")
-t.eq(t.redis("LRANGE", "DEVICE_CMD", 0, -1), "reboot", "DEVICE_CMD")
-t.eq(t.redis("LRANGE", "MAIN_BIOMETRIC_INFO", 0, -1), "info", "MAIN_BIOMETRIC_INFO")
-t.eq(t.redis("LRANGE", "BIOMETRIC_RESP", 0, -1), "resp", "BIOMETRIC_RESP")
-t.results("bio_info_size", { 1 }, m:bio_info_size())
-t.results("bio_resp_size", { 1 }, m:bio_resp_size())
-t.results("bio_info_recv", { "info" }, m:bio_info_recv(1))
-t.results("bio_resp_recv", { "resp" }, m:bio_resp_recv(0))
-t.results("bio_info_size after recv", { 0 }, m:bio_info_size())
+-- Each method works on its own named list: every list gets a different
+-- number of elements, so a method on the wrong list shows.
+local lists = {
+  { "DEVICE_CMD", "device_cmd" }, { "BIO_CMD", "bio_cmd" },
+  { "MAIN_BIOMETRIC_INFO", "bio_info" }, { "BIOMETRIC_RESP", "bio_resp" },
+}
+for i, l in ipairs(lists) do
+  for k = 1, i do m[l[2] .. "_send"](m, l[2] .. k) end
+  t.eq(t.redis("LLEN", l[1]), tostring(i), l[2] .. "_send pushes onto " .. l[1])
+end
+for i, l in ipairs(lists) do
+  if m[l[2] .. "_size"] then
+    t.results(l[2] .. "_size counts " .. l[1], { i }, m[l[2] .. "_size"](m))
+    t.results(l[2] .. "_recv pops from " .. l[1], { l[2] .. "1" }, m[l[2] .. "_recv"](m, 0))
+    t.results(l[2] .. "_size after one recv", { i - 1 }, m[l[2] .. "_size"](m))
+  end
+end
+t.results("bio_cmd_clear clears BIO_CMD", { 1 }, m:bio_cmd_clear())
+t.eq(t.redis("LLEN", "BIOMETRIC_RESP"), "3", "and leaves the others")
+for _, l in ipairs(lists) do t.redis("DEL", l[1]) end
 
 -- Values as pushed by another client: bytes kept, 10239 bytes fit, 10240
 -- bytes do not and are gone, an empty value reads as nil and is gone.

@@ -1,9 +1,9 @@
 #include "redis_server.h"
 
+#include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -14,8 +14,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -69,21 +67,16 @@ bool RedisServer::start()
 {
     const std::string port = std::to_string(port_);
     const std::string log = dir_ + "/redis.log";
-    pid_ = fork();
-    if (pid_ == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        dup2(null, 1);
-        execlp("redis-server", "redis-server", "--port", port.c_str(), "--bind", "127.0.0.1",
-               "--unixsocket", socket_.c_str(), "--unixsocketperm", "700", "--save", "",
-               "--appendonly", "no", "--dir", dir_.c_str(), "--logfile", log.c_str(),
-               "--daemonize", "no", "--protected-mode", "no", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    process_ = spawn_native("redis-server",
+                            {"--port", port, "--bind", "127.0.0.1", "--unixsocket", socket_,
+                             "--unixsocketperm", "700", "--save", "", "--appendonly", "no",
+                             "--dir", dir_, "--logfile", log, "--daemonize", "no",
+                             "--protected-mode", "no"});
+    pid_ = process_.pid();
     for (int i = 0; i < 500; ++i) {
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        if (process_.ended()) {
             pid_ = -1;
+            process_ = Child();
             return false;
         }
         redisContext* c = redisConnect("127.0.0.1", port_);
@@ -106,8 +99,9 @@ void RedisServer::stop(int signal)
 {
     if (pid_ <= 0)
         return;
-    kill(pid_, signal);
-    waitpid(pid_, nullptr, 0);
+    process_.kill(signal);
+    process_.wait();
+    process_ = Child();
     pid_ = -1;
 }
 
@@ -121,41 +115,16 @@ void RedisServer::restart()
     }
 }
 
-static std::string slurp(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 Captured run_captured(const std::function<int()>& fn)
 {
-    char out_path[] = "/tmp/bmsg-out-XXXXXX";
-    char err_path[] = "/tmp/bmsg-err-XXXXXX";
-    int out = mkstemp(out_path);
-    int err = mkstemp(err_path);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    Captured c;
+    c.status = fn();
     fflush(stdout);
     fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out, 1);
-        dup2(err, 2);
-        int rc = fn();
-        fflush(stdout);
-        fflush(stderr);
-        _exit(rc);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Captured c;
-    c.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    c.out = slurp(out_path);
-    c.err = slurp(err_path);
-    ::close(out);
-    ::close(err);
-    unlink(out_path);
-    unlink(err_path);
+    c.out = testing::internal::GetCapturedStdout();
+    c.err = testing::internal::GetCapturedStderr();
     return c;
 }
 

@@ -3,6 +3,8 @@
 #ifndef BMSG_TEST_REDIS_SERVER_H
 #define BMSG_TEST_REDIS_SERVER_H
 
+#include "child.h"
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -38,14 +40,16 @@ private:
     std::string socket_;
     uint16_t port_ = 0;
     pid_t pid_ = -1;
+    Child process_;
 };
 
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 uint16_t free_port();
 
-// Output of a function run in a forked child with stdout and stderr caught.
+// What fn returned and printed, run in this process with stdout and stderr
+// caught (each test runs in a process of its own).
 struct Captured {
-    int status;  // the child's exit code, or 128 + signal
+    int status;  // what fn returned
     std::string out;
     std::string err;
 };

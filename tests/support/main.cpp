@@ -1,0 +1,14 @@
+// main() of every test binary: a role process (see child.h) runs its role,
+// anything else runs the tests.
+#include "child.h"
+
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv)
+{
+    const int role = bmsg_test::run_role_if_asked(argc, argv);
+    if (role >= 0)
+        return role;
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
