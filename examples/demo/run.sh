@@ -39,7 +39,8 @@ capture=$!
 "$build/examples/demo/demo_consumer" "$dir/redis.sock" "$start" "$web_port" "$out" "$count" &
 consumer=$!
 status=0
-LUA_CPATH="$build/lua/?.so" luajit "$here/control.lua" "$port" "$start" "$count" || status=1
+# A bound on the script, so a lost message cannot keep the demo waiting.
+LUA_CPATH="$build/lua/?.so" timeout 120 luajit "$here/control.lua" "$port" "$start" "$count" || status=1
 wait "$consumer" || status=1
 "$build/tools/bmsg" -s "$dir/redis.sock" push cmd quit
 wait "$capture" || status=1
