@@ -1,0 +1,191 @@
+// bmsg: look at and talk to the device's message bus from a shell.
+#include "bmsg_tool.h"
+
+#include <hiredis/hiredis.h>
+
+#include <cstdio>
+#include <vector>
+
+using bmsg_tool::Action;
+using bmsg_tool::fail;
+using bmsg_tool::open_bus;
+using bmsg_tool::Options;
+
+namespace {
+
+constexpr int value_max = 1 << 20;
+constexpr const char* lists_help =
+    "LIST is a key or a named list: device (DEVICE_CMD), cmd (BIO_CMD), "
+    "info (MAIN_BIOMETRIC_INFO), resp (BIOMETRIC_RESP)";
+
+// Runs `work` on a fresh connection; 1 when there is none.
+int with_bus(const Options& o, const std::function<int(bMSG::Messager&)>& work)
+{
+    auto bus = open_bus(o);
+    return bus ? work(*bus) : 1;
+}
+
+int checked(int rc, const std::string& what)
+{
+    return rc < 0 ? fail(what + " failed (" + std::to_string(rc) + ")") : 0;
+}
+
+void add_bus_commands(CLI::App& app, Action& action)
+{
+    // Argument storage lives as long as the parser: static.
+    static std::string key, value, list, channel;
+    static int seconds = 0;
+
+    app.add_subcommand("ping", "Check that the server answers")->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                redisReply* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING"));
+                if (!reply)
+                    return fail("no answer to PING");
+                puts(reply->type == REDIS_REPLY_STATUS ? reply->str : "unexpected reply");
+                const bool pong = reply->type == REDIS_REPLY_STATUS;
+                freeReplyObject(reply);
+                return pong ? 0 : 1;
+            });
+        };
+    });
+
+    auto* get = app.add_subcommand("get", "Print a setting (empty when missing or over 1 MiB)");
+    get->add_option("KEY", key)->required();
+    get->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                std::vector<char> text(value_max + 1, '\0');
+                if (int rc = bus.get(key.c_str(), text.data(), value_max); rc < 0)
+                    return checked(rc, "GET");
+                puts(text.data());
+                return 0;
+            });
+        };
+    });
+
+    auto* set = app.add_subcommand("set", "Store a setting as text");
+    set->add_option("KEY", key)->required();
+    set->add_option("VALUE", value)->required();
+    set->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                return checked(bus.set(key.c_str(), value.c_str()), "SET");
+            });
+        };
+    });
+
+    auto* push = app.add_subcommand("push", "Push TEXT onto LIST");
+    push->add_option("LIST", list)->required();
+    push->footer(lists_help);
+    push->add_option("TEXT", value)->required();
+    push->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                return checked(bus.list_send(bmsg_tool::list_key(list).c_str(), "%s", value.c_str()),
+                               "push");
+            });
+        };
+    });
+
+    auto* pop = app.add_subcommand(
+        "pop", "Take the oldest element off LIST and print it; exit 1 when there is none (in "
+               "time)");
+    pop->add_option("LIST", list)->required();
+    pop->footer(lists_help);
+    pop->add_option("-t,--timeout", seconds, "Wait up to SECONDS for one (default 0: do not wait)")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
+    pop->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                std::vector<char> text(value_max);
+                const std::string k = bmsg_tool::list_key(list);
+                const int n = bus.list_recv(k.c_str(), text.data(), value_max, seconds, nullptr, 0);
+                if (n < 0)
+                    return checked(n, "pop");
+                if (n == 0)
+                    return fail("nothing on " + k);
+                fwrite(text.data(), 1, static_cast<size_t>(n), stdout);
+                putchar('\n');
+                return 0;
+            });
+        };
+    });
+
+    auto* len = app.add_subcommand("len", "Print the length of LIST");
+    len->add_option("LIST", list)->required();
+    len->footer(lists_help);
+    len->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                const int n = bus.list_size(bmsg_tool::list_key(list).c_str());
+                if (n >= 0)
+                    printf("%d\n", n);
+                return checked(n, "LLEN");
+            });
+        };
+    });
+
+    auto* clear = app.add_subcommand("clear", "Delete LIST");
+    clear->add_option("LIST", list)->required();
+    clear->footer(lists_help);
+    clear->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                return checked(bus.list_clear(bmsg_tool::list_key(list).c_str()), "DEL");
+            });
+        };
+    });
+
+    auto* publish = app.add_subcommand("publish", "Publish TEXT on CHANNEL, print the receivers");
+    publish->add_option("CHANNEL", channel)->required();
+    publish->add_option("TEXT", value)->required();
+    publish->callback([&] {
+        action = [](const Options& o) {
+            return with_bus(o, [](bMSG::Messager& bus) {
+                const int n = bus.publish(channel.c_str(), "%s", value.c_str());
+                if (n >= 0)
+                    printf("%d\n", n);
+                return checked(n, "PUBLISH");
+            });
+        };
+    });
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("Look at and talk to the device's message bus (a Redis server).\n"
+                 "Exit status: 0 done, 1 the bus operation failed, 2 bad usage.",
+                 "bmsg");
+    Options options;
+    auto* socket = app.add_option("-s,--socket", options.socket, "Unix socket path of the server")
+                       ->type_name("PATH");
+    app.add_option("-H,--host", options.host, "Server host (default 127.0.0.1)")
+        ->type_name("HOST")
+        ->excludes(socket);
+    app.add_option("-p,--port", options.port, "Server TCP port (default 6379)")
+        ->type_name("PORT")
+        ->excludes(socket);
+    app.require_subcommand(1);
+    app.fallthrough();
+
+    Action action;
+    add_bus_commands(app, action);
+    bmsg_tool::add_subscribe_command(app, action);
+    bmsg_tool::add_watch_command(app, action);
+    bmsg_tool::add_sample_commands(app, action);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;
+    }
+    return action(options);
+}

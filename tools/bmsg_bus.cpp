@@ -1,0 +1,127 @@
+#include "bmsg_tool.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace bmsg_tool {
+
+namespace {
+
+constexpr int probe_timeout_ms = 3000;
+
+// A file descriptor closed on every exit path.
+struct Fd {
+    int fd;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+// Connects a non-blocking socket to `address` within the probe time-out;
+// an empty string on success, else why not.
+std::string try_connect(int family, const sockaddr* address, socklen_t length)
+{
+    Fd s(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (s.fd < 0)
+        return strerror(errno);
+    if (connect(s.fd, address, length) == 0)
+        return "";
+    if (errno != EINPROGRESS)
+        return strerror(errno);
+    pollfd p = {s.fd, POLLOUT, 0};
+    if (poll(&p, 1, probe_timeout_ms) != 1)
+        return "no answer within 3 s";
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(s.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    return error ? strerror(error) : "";
+}
+
+std::string probe(const Options& o)
+{
+    if (!o.socket.empty()) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        if (o.socket.size() >= sizeof address.sun_path)
+            return "socket path too long";
+        memcpy(address.sun_path, o.socket.c_str(), o.socket.size());
+        return try_connect(AF_UNIX, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    addrinfo hints = {};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int rc = getaddrinfo(o.host.c_str(), std::to_string(o.port).c_str(), &hints, &found);
+    if (rc != 0)
+        return gai_strerror(rc);
+    std::string why = "no address";
+    for (addrinfo* a = found; a && !why.empty(); a = a->ai_next)
+        why = try_connect(a->ai_family, a->ai_addr, a->ai_addrlen);
+    freeaddrinfo(found);
+    return why;
+}
+
+} // namespace
+
+int fail(const std::string& message)
+{
+    fprintf(stderr, "bmsg: %s\n", message.c_str());
+    return 1;
+}
+
+std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
+{
+    const std::string where = o.socket.empty() ? o.host + ":" + std::to_string(o.port) : o.socket;
+    const std::string why = probe(o);
+    if (!why.empty()) {
+        fail("no server at " + where + ": " + why);
+        return nullptr;
+    }
+    // One attempt: the probe has just seen the server.
+    std::unique_ptr<bMSG::Messager> bus(
+        new bMSG::Messager(o.socket.empty() ? o.host.c_str() : o.socket.c_str(), o.port, 1));
+    if (!bus->redis_context()) {
+        fail("cannot connect to " + where);
+        return nullptr;
+    }
+    return bus;
+}
+
+std::string list_key(const std::string& name)
+{
+    if (name == "device")
+        return "DEVICE_CMD";
+    if (name == "cmd")
+        return "BIO_CMD";
+    if (name == "info")
+        return "MAIN_BIOMETRIC_INFO";
+    if (name == "resp")
+        return "BIOMETRIC_RESP";
+    return name;
+}
+
+std::string now_text()
+{
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const time_t seconds = system_clock::to_time_t(now);
+    tm local = {};
+    localtime_r(&seconds, &local);
+    char text[32];
+    const long ms = static_cast<long>(duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000);
+    snprintf(text, sizeof text, "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec, ms);
+    return text;
+}
+
+} // namespace bmsg_tool

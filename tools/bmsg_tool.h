@@ -1,0 +1,51 @@
+// Pieces shared by the subcommands of the bmsg tool.
+#ifndef BMSG_TOOLS_BMSG_TOOL_H
+#define BMSG_TOOLS_BMSG_TOOL_H
+
+#include "bmessager.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace bmsg_tool {
+
+// Where the server is: the socket path when given, else host and port.
+struct Options {
+    std::string socket;
+    std::string host = "127.0.0.1";
+    uint16_t port = 6379;
+};
+
+// What the chosen subcommand does once the arguments are parsed; returns the
+// exit status.
+using Action = std::function<int(const Options&)>;
+
+// A connected Messager, or null after a one-line message on stderr. Checks
+// that something listens first (a few seconds at most), so a missing server
+// fails at once instead of going through the library's retry pauses.
+std::unique_ptr<bMSG::Messager> open_bus(const Options& options);
+
+// Prints "bmsg: <message>" on stderr; returns 1, the exit status of a failed
+// bus operation.
+int fail(const std::string& message);
+
+// The key of a named list ("device", "cmd", "info", "resp"); any other name
+// is taken as a key itself.
+std::string list_key(const std::string& name);
+
+// "HH:MM:SS.mmm", local time.
+std::string now_text();
+
+// Register the subcommands of bmsg_sample.cpp, bmsg_watch.cpp and
+// bmsg_subscribe.cpp; the one chosen stores its work in `action`.
+void add_sample_commands(CLI::App& app, Action& action);
+void add_watch_command(CLI::App& app, Action& action);
+void add_subscribe_command(CLI::App& app, Action& action);
+
+} // namespace bmsg_tool
+
+#endif
