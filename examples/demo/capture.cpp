@@ -19,7 +19,7 @@ constexpr int width = 256;
 constexpr int height = 320;
 constexpr int wait_seconds = 30;
 
-// Ridges around a core whose place, spacing and twist change with n, inside
+// A whorl of ridges around a core whose place, spacing and twist change with n, inside
 // a fingertip-shaped ellipse on white.
 std::unique_ptr<BImage::Image> ridges(int n)
 {
@@ -30,7 +30,9 @@ std::unique_ptr<BImage::Image> ridges(int n)
         for (int x = 0; x < width; ++x) {
             const double dx = x - cx, dy = (y - cy) * 0.8;
             const double r = std::sqrt(dx * dx + dy * dy), theta = std::atan2(dy, dx);
-            const double ridge = std::sin(spacing * r + twist * std::sin(theta + n) + 0.02 * dx * dy / (1 + r));
+            // A whorl: rings wound into a spiral, bent more the farther from the core.
+            const double bend = twist * std::sin(theta + n) * std::fmin(1.0, r / 60);
+            const double ridge = std::sin(spacing * r + 2 * theta + bend + 3.2 * std::sin(0.03 * x + n) * std::sin(0.025 * y + n));
             const double ex = (x - width / 2.0) / (width * 0.45), ey = (y - height / 2.0) / (height * 0.47);
             const double edge = std::fmin(1.0, std::fmax(0.0, (1.0 - (ex * ex + ey * ey)) * 8));
             const double ink = edge * (0.5 + 0.5 * ridge);
