@@ -13,6 +13,11 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /usr/aarch64-linux-gnu)
+# The programs run on Debian's arm64 runtime (libc6:arm64, libstdc++6:arm64
+# and the -dev packages' libraries, all under /lib/aarch64-linux-gnu), loaded
+# by its own /lib/ld-linux-aarch64.so.1. Not -L /usr/aarch64-linux-gnu: that
+# takes the cross toolchain's ld.so but still finds the arm64 libc of another
+# glibc build, and that mix breaks fork() and pthread_create in the program.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /)
 
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)

@@ -1,5 +1,5 @@
-// Other processes for tests, started with posix_spawn (never fork: under
-// qemu-user a forked child of a dynamically linked program never runs).
+// Other processes for tests, started with posix_spawn: a fresh process, not
+// a copy of the test process with its threads and servers.
 //
 // "The other process" of a cross-process test is the test binary itself,
 // started fresh with a role:
