@@ -25,7 +25,6 @@ std::map<std::string, RoleFn>& roles()
     return all;
 }
 
-// All the memory file holds.
 std::string slurp(int fd)
 {
     std::string s(static_cast<size_t>(std::max<off_t>(0, lseek(fd, 0, SEEK_END))), '\0');
@@ -39,7 +38,6 @@ std::vector<std::string> join(std::vector<std::string> head, const std::vector<s
     return head;
 }
 
-// waitpid with `flags`; status becomes the exit code or 128 + the signal.
 void reap(pid_t pid, int& status, int flags)
 {
     int s = 0;
@@ -65,12 +63,9 @@ Child spawn(const std::vector<std::string>& argv, bool ours, const std::string& 
         posix_spawn_file_actions_adddup2(&files, c.fds_[i] = memfd_create("child", MFD_CLOEXEC), i);
     (void)!pwrite(c.fds_[0], input.data(), input.size(), 0);
     fflush(nullptr);
-    const int rc = posix_spawnp(&c.pid_, args[0], &files, nullptr, args.data(), environ);
+    if (const int rc = posix_spawnp(&c.pid_, args[0], &files, nullptr, args.data(), environ))
+        fprintf(stderr, "cannot start %s: %s\n", args[0], strerror(rc)), abort();
     posix_spawn_file_actions_destroy(&files);
-    if (rc != 0) {
-        fprintf(stderr, "cannot start %s: %s\n", args[0], strerror(rc));
-        abort();
-    }
     return c;
 }
 
@@ -112,7 +107,6 @@ Child& Child::operator=(Child&& other) noexcept
 
 int Child::wait() { return reap(pid_, status_, 0), status_; }
 bool Child::ended() { return reap(pid_, status_, WNOHANG), status_ >= 0; }
-
 void Child::kill(int sig)
 {
     if (pid_ > 0 && status_ < 0)
@@ -121,7 +115,6 @@ void Child::kill(int sig)
 
 std::string Child::out() const { return slurp(fds_[1]); }
 std::string Child::err() const { return slurp(fds_[2]); }
-
 bool register_role(const char* name, RoleFn fn) { return roles().emplace(name, fn).second; }
 
 int run_role_if_asked(int argc, char** argv)
@@ -130,7 +123,7 @@ int run_role_if_asked(int argc, char** argv)
         return -1;
     const auto role = roles().find(argv[2]);
     if (role == roles().end())
-        return fprintf(stderr, "no role %s\n", argv[2]), 127;
+        return 127;
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a role must not outlive its test
     return role->second(std::vector<std::string>(argv + 3, argv + argc));
 }

@@ -1,10 +1,7 @@
 // Other processes for tests, started with posix_spawn (under qemu-user a
-// forked child never runs). The other process of a cross-process test is
-// this test binary started with a role:
-//   BMSG_ROLE(hold_lock) { ...; return 0; }
-//   Child c = spawn_role("hold_lock", {"/name"}); EXPECT_EQ(c.wait(), 0) << c.err();
-// A role returns its exit code (destructors run) and dies with the test
-// process. BMSG_TEST_EMULATOR (split at blanks) goes in front of our programs.
+// forked child never runs). The other process of a cross-process test is this
+// binary run with a role: BMSG_ROLE(name) { ...; return 0; } then
+// spawn_role("name", {args}). BMSG_TEST_EMULATOR prefixes our programs.
 #ifndef BMSG_TEST_CHILD_H
 #define BMSG_TEST_CHILD_H
 
@@ -23,13 +20,9 @@ public:
     ~Child();
     Child(Child&& other) noexcept;
     Child& operator=(Child&& other) noexcept;
-
     pid_t pid() const { return pid_; }
-    // Blocks until it ends: exit code, 128 + signal, -1 when nothing started.
-    int wait();
-    // Whether it has ended (reaps without blocking).
-    bool ended();
-    // Sends sig unless already reaped.
+    int wait();    // blocks: exit code, 128 + signal, or -1 when none started
+    bool ended();  // reaps without blocking
     void kill(int sig);
     std::string out() const;
     std::string err() const;
@@ -38,12 +31,12 @@ private:
     friend Child spawn(const std::vector<std::string>&, bool, const std::string&);
     pid_t pid_ = -1;
     int status_ = -1;
-    int fds_[3] = {-1, -1, -1};  // its stdin, stdout, stderr (memory files)
+    int fds_[3] = {-1, -1, -1};  // stdin, stdout, stderr: memory files
 };
 
-// This test binary running `role` with `args`.
+// This binary running `role` (it dies with the test process).
 Child spawn_role(const std::string& role, const std::vector<std::string>& args = {});
-// A program of this project (emulated when asked) reading `input`.
+// A program of ours (emulated when asked) reading `input`.
 Child spawn_program(const std::string& path, const std::vector<std::string>& args = {},
                     const std::string& input = "");
 // A host program from PATH, never emulated.
@@ -51,10 +44,8 @@ Child spawn_native(const std::string& program, const std::vector<std::string>& a
 
 using RoleFn = int (*)(const std::vector<std::string>& args);
 bool register_role(const char* name, RoleFn fn);
-// The role's exit code, or -1 when argv names no role.
-int run_role_if_asked(int argc, char** argv);
-
-// Whether robust futexes work (owner-died recovery of a shared mutex needs them).
+int run_role_if_asked(int argc, char** argv);  // the role's exit code, or -1
+// Whether robust futexes work (owner-died recovery needs them).
 bool robust_futexes();
 
 } // namespace bmsg_test

@@ -42,8 +42,6 @@ void FakeRedis::answer_each(std::vector<std::string> replies, bool close_after)
     scripts_.push_back({std::move(replies), close_after});
 }
 
-void FakeRedis::answer(std::string reply, bool close_after) { answer_each({reply}, close_after); }
-
 void FakeRedis::wait_idle()
 {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -79,16 +77,14 @@ void FakeRedis::serve()
     }
 }
 
-// hiredis sends a command as an array of bulk strings, which its reply
-// reader parses.
+// hiredis sends a command as an array of bulk strings: its reply reader parses it.
 void FakeRedis::serve_connection(int fd, const Script& script)
 {
     redisReader* reader = redisReaderCreate();
     for (const std::string& reply : script.replies) {
         void* got = nullptr;
         char chunk[65536];
-        ssize_t n = 1;
-        while (redisReaderGetReply(reader, &got) == REDIS_OK && !got && n > 0)
+        for (ssize_t n = 1; redisReaderGetReply(reader, &got) == REDIS_OK && !got && n > 0;)
             if ((n = read(fd, chunk, sizeof chunk)) > 0)
                 redisReaderFeed(reader, chunk, static_cast<size_t>(n));
         auto* command = static_cast<redisReply*>(got);

@@ -1,9 +1,8 @@
-// A scripted Redis-protocol peer, for replies a real server never sends. It
-// listens on a Unix socket in a temp dir and serves one connection at a time
-// on its own thread: each connection takes the next queued script, reads one
-// command per reply and answers with the reply's raw bytes, then closes the
-// connection (or holds it until the peer is destroyed). A connection that
-// finds no script is closed at once.
+// A scripted Redis-protocol peer for replies a real server never sends, on a
+// Unix socket, serving one connection at a time on its own thread: each
+// connection takes the next queued script, reads one command per reply and
+// answers with the reply's raw bytes, then closes (or holds the connection
+// until the peer is destroyed). A connection finding no script is closed.
 #ifndef BMSG_TEST_FAKE_REDIS_H
 #define BMSG_TEST_FAKE_REDIS_H
 
@@ -19,14 +18,12 @@ namespace bmsg_test {
 class FakeRedis {
 public:
     FakeRedis();   // aborts when it cannot listen
-    ~FakeRedis();  // cuts a connection in progress, closes every connection
-
+    ~FakeRedis();  // cuts a connection in progress, closes all
     // Queues the next connection's script; with no replies it reads nothing.
     void answer_each(std::vector<std::string> replies, bool close_after = true);
-    void answer(std::string reply, bool close_after = true);
-    // Blocks until every queued script has been served.
-    void wait_idle();
-    // The commands read so far (each recorded before its answer); empties the record.
+    void answer(std::string reply, bool close_after = true) { answer_each({reply}, close_after); }
+    void wait_idle();  // until every queued script has been served
+    // The commands read so far (each before its answer); empties the record.
     std::vector<std::vector<std::string>> take_commands();
     const std::string& socket() const { return socket_; }
 
@@ -41,7 +38,7 @@ private:
     std::string dir_, socket_;
     int listen_fd_ = -1, conn_ = -1;
     bool stopping_ = false, busy_ = false;
-    std::vector<int> held_;  // connections kept open
+    std::vector<int> held_;
     std::mutex mutex_;
     std::condition_variable idle_;
     std::deque<Script> scripts_;

@@ -6,21 +6,16 @@
 #include "child.h"
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 
 namespace bmsg_test {
 
 class RedisServer {
 public:
-    // Starts it and waits until it answers; aborts when it cannot.
-    RedisServer();
+    RedisServer();  // waits until it answers; aborts when it cannot start
     ~RedisServer();
-
-    // Kills it (SIGKILL by default) and reaps it.
-    void stop(int signal = 9);
-    // Starts it again on the same port and socket.
-    void restart();
+    void stop(int signal = 9);  // kills and reaps it
+    void restart();             // on the same port and socket
     bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
     uint16_t port() const { return port_; }
@@ -29,8 +24,7 @@ public:
 
 private:
     bool start();
-    std::string dir_;
-    std::string socket_;
+    std::string dir_, socket_;
     uint16_t port_ = 0;
     pid_t pid_ = -1;
     Child process_;
@@ -41,14 +35,13 @@ uint16_t free_port();
 
 struct Captured {
     int status;  // what fn returned
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 // Runs fn in this process with stdout and stderr caught.
 Captured run_captured(const std::function<int()>& fn);
 
-// One command on a fresh connection; the reply as text ("(nil)" for nil,
-// integers in decimal, array elements joined by '\n').
+// One command on a fresh connection; the reply as text ("(nil)", integers in
+// decimal, array elements joined by '\n').
 std::string redis_raw(const RedisServer& server, const char* format, ...);
 
 // The what() of the std::runtime_error fn throws, or "(nothing thrown)".
