@@ -1,29 +1,23 @@
 #include "child.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
-#include <utility>
 
 extern char** environ;
 
 namespace bmsg_test {
-
 namespace {
-
-const char role_flag[] = "--bmsg-role";
 
 std::map<std::string, RoleFn>& roles()
 {
@@ -31,105 +25,74 @@ std::map<std::string, RoleFn>& roles()
     return all;
 }
 
-std::string slurp(const std::string& path)
+std::string slurp(int fd)
 {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    std::string s(static_cast<size_t>(std::max<off_t>(0, lseek(fd, 0, SEEK_END))), '\0');
+    s.resize(static_cast<size_t>(std::max<ssize_t>(0, pread(fd, &s[0], s.size(), 0))));
+    return s;
 }
 
-std::vector<std::string> emulator()
+std::vector<std::string> join(std::vector<std::string> head, const std::vector<std::string>& tail)
 {
-    std::vector<std::string> words;
-    if (const char* e = getenv("BMSG_TEST_EMULATOR")) {
-        std::istringstream in(e);
-        for (std::string w; in >> w;)
-            words.push_back(w);
-    }
-    return words;
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
 }
 
-std::string self_exe()
+void reap(pid_t pid, int& status, int flags)
 {
-    char path[4096];
-    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-    if (n <= 0) {
-        perror("readlink /proc/self/exe");
-        abort();
-    }
-    return std::string(path, static_cast<size_t>(n));
+    int s = 0;
+    if (pid > 0 && status < 0 && waitpid(pid, &s, flags) == pid)
+        status = WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
 }
 
 } // namespace
 
 Child spawn(const std::vector<std::string>& argv, bool ours, const std::string& input)
 {
-    std::vector<std::string> words = ours ? emulator() : std::vector<std::string>{};
-    words.insert(words.end(), argv.begin(), argv.end());
+    const char* emulator = ours ? getenv("BMSG_TEST_EMULATOR") : nullptr;
+    std::istringstream split(emulator ? emulator : "");
+    std::vector<std::string> words = join({std::istream_iterator<std::string>(split), {}}, argv);
     std::vector<char*> args;
     for (auto& w : words)
-        args.push_back(const_cast<char*>(w.c_str()));
+        args.push_back(&w[0]);
     args.push_back(nullptr);
-
     Child c;
-    char tmpl[] = "/tmp/bmsg-child-XXXXXX";
-    if (!mkdtemp(tmpl)) {
-        perror("mkdtemp");
-        abort();
-    }
-    c.dir_ = tmpl;
-    const std::string in = c.dir_ + "/in", out = c.dir_ + "/out", err = c.dir_ + "/err";
-    std::ofstream(in) << input;
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    fflush(stdout);
-    fflush(stderr);
-    const int rc = posix_spawnp(&c.pid_, args[0], &files, nullptr, args.data(), environ);
+    for (int i = 0; i < 3; ++i)
+        posix_spawn_file_actions_adddup2(&files, c.fds_[i] = memfd_create("child", MFD_CLOEXEC), i);
+    (void)!pwrite(c.fds_[0], input.data(), input.size(), 0);
+    fflush(nullptr);
+    if (const int rc = posix_spawnp(&c.pid_, args[0], &files, nullptr, args.data(), environ))
+        fprintf(stderr, "cannot start %s: %s\n", args[0], strerror(rc)), abort();
     posix_spawn_file_actions_destroy(&files);
-    if (rc != 0) {
-        fprintf(stderr, "cannot start %s: %s\n", args[0], strerror(rc));
-        abort();
-    }
     return c;
 }
 
 Child spawn_role(const std::string& role, const std::vector<std::string>& args)
 {
-    std::vector<std::string> argv{self_exe(), role_flag, role};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return spawn(argv, true, "");
+    char self[4096] = {};
+    (void)!readlink("/proc/self/exe", self, sizeof self - 1);
+    return spawn(join({self, "--bmsg-role", role}, args), true, "");
 }
 
 Child spawn_program(const std::string& path, const std::vector<std::string>& args,
                     const std::string& input)
 {
-    std::vector<std::string> argv{path};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return spawn(argv, true, input);
+    return spawn(join({path}, args), true, input);
 }
 
-Child spawn_native(const std::string& program, const std::vector<std::string>& args)
+Child spawn_native(const std::string& path, const std::vector<std::string>& args)
 {
-    std::vector<std::string> argv{program};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return spawn(argv, false, "");
+    return spawn(join({path}, args), false, "");
 }
 
 Child::~Child()
 {
-    if (pid_ > 0 && status_ < 0) {
-        kill(SIGKILL);
-        wait();
-    }
-    if (!dir_.empty()) {
-        for (const char* f : {"/in", "/out", "/err"})
-            unlink((dir_ + f).c_str());
-        rmdir(dir_.c_str());
-    }
+    kill(SIGKILL);
+    wait();
+    for (int fd : fds_)
+        close(fd);
 }
 
 Child::Child(Child&& other) noexcept { *this = std::move(other); }
@@ -138,61 +101,30 @@ Child& Child::operator=(Child&& other) noexcept
 {
     std::swap(pid_, other.pid_);
     std::swap(status_, other.status_);
-    std::swap(dir_, other.dir_);
+    std::swap(fds_, other.fds_);
     return *this;
 }
 
-static int exit_code(int status)
-{
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-int Child::wait()
-{
-    if (pid_ <= 0 || status_ >= 0)
-        return status_;
-    int status = 0;
-    pid_t r;
-    while ((r = waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
-    }
-    status_ = r == pid_ ? exit_code(status) : 255;
-    return status_;
-}
-
-bool Child::ended()
-{
-    int status = 0;
-    if (pid_ > 0 && status_ < 0 && waitpid(pid_, &status, WNOHANG) == pid_)
-        status_ = exit_code(status);
-    return status_ >= 0;
-}
-
+int Child::wait() { return reap(pid_, status_, 0), status_; }
+bool Child::ended() { return reap(pid_, status_, WNOHANG), status_ >= 0; }
 void Child::kill(int sig)
 {
     if (pid_ > 0 && status_ < 0)
         ::kill(pid_, sig);
 }
 
-std::string Child::out() const { return slurp(dir_ + "/out"); }
-std::string Child::err() const { return slurp(dir_ + "/err"); }
-
-bool register_role(const char* name, RoleFn fn)
-{
-    roles()[name] = fn;
-    return true;
-}
+std::string Child::out() const { return slurp(fds_[1]); }
+std::string Child::err() const { return slurp(fds_[2]); }
+bool register_role(const char* name, RoleFn fn) { return roles().emplace(name, fn).second; }
 
 int run_role_if_asked(int argc, char** argv)
 {
-    if (argc < 3 || strcmp(argv[1], role_flag) != 0)
+    if (argc < 3 || strcmp(argv[1], "--bmsg-role") != 0)
         return -1;
     const auto role = roles().find(argv[2]);
-    if (role == roles().end()) {
-        fprintf(stderr, "no role %s\n", argv[2]);
+    if (role == roles().end())
         return 127;
-    }
-    // A role must not outlive the test that started it.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a role must not outlive its test
     return role->second(std::vector<std::string>(argv + 3, argv + argc));
 }
 

@@ -1,10 +1,8 @@
-// A scripted peer that speaks the Redis protocol, for replies a real server
-// never sends (tests and fuzz targets). It listens on a Unix socket in a
-// temporary directory and serves one connection at a time on its own thread:
-// each accepted connection takes the next queued script; for each reply of
-// the script the peer reads one command and answers with the reply's raw
-// bytes, then closes the connection (or holds it open until the peer is
-// destroyed). A connection that finds no script is closed at once.
+// A scripted Redis-protocol peer for replies a real server never sends, on a
+// Unix socket, serving one connection at a time on its own thread: each
+// connection takes the next queued script, reads one command per reply and
+// answers with the reply's raw bytes, then closes (or holds the connection
+// until the peer is destroyed). A connection finding no script is closed.
 #ifndef BMSG_TEST_FAKE_REDIS_H
 #define BMSG_TEST_FAKE_REDIS_H
 
@@ -19,28 +17,14 @@ namespace bmsg_test {
 
 class FakeRedis {
 public:
-    // Starts listening; aborts the program when it cannot.
-    FakeRedis();
-    // Stops serving (interrupting a connection in progress), closes every
-    // connection and removes the socket and its directory.
-    ~FakeRedis();
-    FakeRedis(const FakeRedis&) = delete;
-    FakeRedis& operator=(const FakeRedis&) = delete;
-
-    // Queues the script of the next connection: one reply per command. With
-    // no replies the peer accepts and drops (or holds) the connection
-    // without reading.
+    FakeRedis();   // aborts when it cannot listen
+    ~FakeRedis();  // cuts a connection in progress, closes all
+    // Queues the next connection's script; with no replies it reads nothing.
     void answer_each(std::vector<std::string> replies, bool close_after = true);
-    // A script of one reply.
-    void answer(std::string reply, bool close_after = true);
-
-    // Blocks until every queued script has been served.
-    void wait_idle();
-
-    // The commands read so far (each as its arguments), oldest first; the
-    // record is emptied. A command is recorded before its answer is sent.
+    void answer(std::string reply, bool close_after = true) { answer_each({reply}, close_after); }
+    void wait_idle();  // until every queued script has been served
+    // The commands read so far (each before its answer); empties the record.
     std::vector<std::vector<std::string>> take_commands();
-
     const std::string& socket() const { return socket_; }
 
 private:
@@ -48,22 +32,17 @@ private:
         std::vector<std::string> replies;
         bool close_after;
     };
-
     void serve();
     void serve_connection(int fd, const Script& script);
 
-    std::string dir_;
-    std::string socket_;
-    int listen_fd_ = -1;
-    int wake_[2] = {-1, -1};  // written to on destruction; ends every poll
-    std::vector<int> held_;   // connections kept open, closed on destruction
-
+    std::string dir_, socket_;
+    int listen_fd_ = -1, conn_ = -1;
+    bool stopping_ = false, busy_ = false;
+    std::vector<int> held_;
     std::mutex mutex_;
     std::condition_variable idle_;
     std::deque<Script> scripts_;
-    bool busy_ = false;
     std::vector<std::vector<std::string>> commands_;
-
     std::thread thread_;
 };
 

@@ -1,5 +1,4 @@
-// main() of every test binary: a role process (see child.h) runs its role,
-// anything else runs the tests.
+// Every test binary: a role process (child.h) runs its role, others the tests.
 #include "child.h"
 
 #include <gtest/gtest.h>

@@ -5,39 +5,26 @@
 
 #include "child.h"
 
-#include <sys/types.h>
-
 #include <chrono>
-#include <cstdint>
 #include <functional>
-#include <string>
 
 namespace bmsg_test {
 
 class RedisServer {
 public:
-    // Starts the server and waits until it answers; aborts the test binary
-    // when no server can be started.
-    RedisServer();
+    RedisServer();  // waits until it answers; aborts when it cannot start
     ~RedisServer();
-    RedisServer(const RedisServer&) = delete;
-    RedisServer& operator=(const RedisServer&) = delete;
-
-    // Kills the server (SIGKILL by default) and reaps it.
-    void stop(int signal = 9);
-    // Starts it again on the same port and socket.
-    void restart();
+    void stop(int signal = 9);  // kills and reaps it
+    void restart();             // on the same port and socket
     bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
-
     uint16_t port() const { return port_; }
     const std::string& socket() const { return socket_; }
     const std::string& dir() const { return dir_; }
 
 private:
     bool start();
-    std::string dir_;
-    std::string socket_;
+    std::string dir_, socket_;
     uint16_t port_ = 0;
     pid_t pid_ = -1;
     Child process_;
@@ -46,24 +33,20 @@ private:
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 uint16_t free_port();
 
-// What fn returned and printed, run in this process with stdout and stderr
-// caught (each test runs in a process of its own).
 struct Captured {
     int status;  // what fn returned
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
+// Runs fn in this process with stdout and stderr caught.
 Captured run_captured(const std::function<int()>& fn);
 
-// Runs one raw command on a fresh connection and returns the reply as text
-// (string, status, error, integer in decimal; "(nil)" for nil; arrays as
-// their elements joined by '\n').
+// One command on a fresh connection; the reply as text ("(nil)", integers in
+// decimal, array elements joined by '\n').
 std::string redis_raw(const RedisServer& server, const char* format, ...);
 
-// The text of the std::runtime_error that fn throws, or "(nothing thrown)".
+// The what() of the std::runtime_error fn throws, or "(nothing thrown)".
 std::string thrown_by(const std::function<void()>& fn);
 
-// Seconds since t on the steady clock.
 double seconds_since(std::chrono::steady_clock::time_point t);
 
 // Polls `done` every 10 ms for up to 10 s; whether it came true.
