@@ -1,28 +1,25 @@
+// The bus operations of Messager against a private redis-server, and what
+// each does when no server answers or the server is killed (by pid).
 #include "bmessager.h"
 #include "bshmem.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
-
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-using bmsg_test::Captured;
-using bmsg_test::RedisServer;
-using bmsg_test::redis_raw;
-using bmsg_test::run_captured;
-using bmsg_test::seconds_since;
+using namespace bmsg_test;
+using M = bMSG::Messager;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 int count_of(const std::string& text, const std::string& what)
 {
@@ -32,349 +29,289 @@ int count_of(const std::string& text, const std::string& what)
     return n;
 }
 
+char buf[16], key[16];
+int int_out;
+float float_out;
+unsigned long ulong_out;
 
-// Each bus test runs over TCP and over the Unix socket path.
-class Bus : public ::testing::TestWithParam<bool> {
-protected:
-    RedisServer server;
-    bMSG::Messager m{GetParam() ? server.socket().c_str() : "127.0.0.1", server.port(), 3};
+// Every bus operation with its code for a command that got no reply; the
+// subscribe, which blocks, comes last.
+const std::vector<std::pair<int, std::function<int(M&)>>> every_op = {
+    {-7, [](M& m) { return m.set("k", "v"); }},
+    {-7, [](M& m) { return m.set("k", 1); }},
+    {-7, [](M& m) { return m.set("k", 1.5f); }},
+    {-7, [](M& m) { return m.set("k", 1UL); }},
+    {-8, [](M& m) { return m.get("k", buf, 16); }},
+    {-8, [](M& m) { return m.get("k", &int_out); }},
+    {-8, [](M& m) { return m.get("k", &float_out); }},
+    {-8, [](M& m) { return m.get("k", &ulong_out); }},
+    {-2, [](M& m) { return m.list_send("L", "%s", "x"); }},
+    {-2, [](M& m) { return m.device_cmd_send("%s", "x"); }},
+    {-2, [](M& m) { return m.bio_cmd_send("%s", "x"); }},
+    {-2, [](M& m) { return m.bio_info_send("%s", "x"); }},
+    {-2, [](M& m) { return m.bio_resp_send("%s", "x"); }},
+    {-3, [](M& m) { return m.list_recv("L", buf, 16, 1, key, 16); }},
+    {-3, [](M& m) { return m.list_recv("L", buf, 16, 0, key, 16); }},
+    {-3, [](M& m) { return m.list_size("L"); }},
+    {-3, [](M& m) { return m.list_clear("L"); }},
+    {-2, [](M& m) { return m.publish("C", "%s", "x"); }},
+    {-2, [](M& m) { return m.system_publish("%s", "x"); }},
+    {-3, [](M& m) { return m.subscribe("C", {}); }},
 };
-
-INSTANTIATE_TEST_SUITE_P(Transport, Bus, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "unix" : "tcp"; });
 
 } // namespace
 
-TEST(Connect, DefaultAddressAndSocketPath)
+TEST(Connect, EveryCallRetriesReportingEachFailureAndPausingASecond)
 {
-    RedisServer server;
-    bMSG::Messager null_addr(nullptr, server.port(), 1);
-    bMSG::Messager empty_addr("", server.port(), 1);
-    EXPECT_EQ(null_addr.server_address(), "127.0.0.1");
-    EXPECT_NE(null_addr.redis_context(), nullptr);
-    EXPECT_NE(empty_addr.redis_context(), nullptr);
-
-    // A socket path ignores the port.
-    bMSG::Messager unix_path(server.socket().c_str(), 1, 1);
-    ASSERT_NE(unix_path.redis_context(), nullptr);
-    EXPECT_EQ(unix_path.set("k", "v"), 0);
-    EXPECT_EQ(redis_raw(server, "GET k"), "v");
-
-    EXPECT_STREQ(null_addr.device_cmd, "DEVICE_CMD");
-    EXPECT_STREQ(null_addr.bio_sample, "BIOMETRIC_SAMPLE_");
-    EXPECT_STREQ(null_addr.device_status, "DEVICE_STATUS");
-    EXPECT_STREQ(null_addr.system_status, "SYSTEM_STATUS");
-    EXPECT_STREQ(null_addr.bio_info, "MAIN_BIOMETRIC_INFO");
-    EXPECT_STREQ(null_addr.bio_cmd, "BIO_CMD");
-    EXPECT_STREQ(null_addr.bio_resp, "BIOMETRIC_RESP");
-}
-
-TEST(Connect, RetryLoopReportsEachAttemptAndRetriesOnNextCall)
-{
-    const uint16_t dead = bmsg_test::free_port();
-    Captured c = run_captured([dead] {
-        auto t = Clock::now();
-        bMSG::Messager m("127.0.0.1", dead, 2);
-        double ctor = seconds_since(t);
-        if (m.redis_context() || ctor < 1.9 || ctor > 4.0)
-            return 1;
-        t = Clock::now();
-        if (m.set("k", 1) != -1 || m.get("k", static_cast<int*>(nullptr)) != -1)
-            return 2;
-        return seconds_since(t) >= 3.9 ? 0 : 3;
-    });
-    EXPECT_EQ(c.status, 0);
-    // Two attempts in the constructor and two in each later call.
-    const std::string prefix = "bMSG ERROR connect[";
-    EXPECT_EQ(count_of(c.err, prefix), 6) << c.err;
-    EXPECT_EQ(c.err.find('\n'), std::string::npos) << "the prefix has no line break";
-    const std::string line =
-        "Connection refused: address[127.0.0.1] port[" + std::to_string(dead) + "]\n";
-    EXPECT_EQ(count_of(c.out, line), 6) << c.out;
-}
-
-TEST(Connect, ZeroAttemptsWaitsForTheServer)
-{
-    RedisServer server;
-    server.stop();
+    const uint16_t port = free_port();
+    const char* no_socket = "/nonexistent/redis.sock";
+    std::vector<int> codes(every_op.size(), 0);
+    const auto start = std::chrono::steady_clock::now();
     Captured c = run_captured([&] {
-        std::thread starter([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-            server.restart();
-        });
-        bMSG::Messager m(nullptr, server.port(), 0);
-        starter.join();
-        int rc = m.redis_context() && m.set("k", "up") == 0 ? 0 : 1;
-        server.stop();
-        return rc;
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < codes.size(); ++i)
+            threads.emplace_back([&, i] {
+                M m(i % 2 ? no_socket : "127.0.0.1", port, 2);
+                codes[i] = m.redis_context() ? 1 : every_op[i].second(m);
+            });
+        for (std::thread& t : threads)
+            t.join();
+        return 0;
     });
-    EXPECT_EQ(c.status, 0) << c.out;
+    EXPECT_GE(seconds_since(start), 3.5) << "two attempts in the constructor, two in the call";
+    EXPECT_EQ(codes, std::vector<int>(codes.size(), -1));
+    const int reports = 4 * static_cast<int>(codes.size());
+    EXPECT_EQ(count_of(c.err, "bMSG ERROR connect["), reports);
+    EXPECT_EQ(c.err.find('\n'), std::string::npos);
+    const std::string port_text = " port[" + std::to_string(port) + "]";
+    EXPECT_EQ(count_of(c.out, "Connection refused: address[127.0.0.1]" + port_text), reports / 2);
+    EXPECT_EQ(count_of(c.out, "No such file or directory: address[" + std::string(no_socket) + "]" +
+                                  port_text), reports / 2);
+    EXPECT_EQ(std::count(c.out.begin(), c.out.end(), '\n'), reports);
+}
+
+TEST(Connect, DefaultAddressSocketPathAndWaitingForEver)
+{
+    RedisServer server;
+    M by_null(nullptr, server.port(), 1), by_empty("", server.port(), 1);
+    M by_path(server.socket().c_str(), 1, 1);  // the port is ignored
+    for (M* m : {&by_null, &by_empty, &by_path})
+        EXPECT_EQ(m->set("k", "v"), 0);
+    EXPECT_EQ(by_null.server_address(), "127.0.0.1");
+    redisContext* held = by_null.redis_context();
+    by_null.connect();
+    EXPECT_EQ(by_null.redis_context(), held);
+
+    server.stop();
+    std::thread starter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        server.restart();
+    });
+    Captured c = run_captured([&] { return M(nullptr, server.port(), 0).set("k", "up"); });
+    starter.join();
+    EXPECT_EQ(c.status, 0);
     EXPECT_GE(count_of(c.err, "bMSG ERROR connect["), 1);
 }
 
-TEST_P(Bus, SettingsStoreTheirDecimalText)
+TEST(Settings, StoredAsTextAndReadBackByReplyType)
 {
-    EXPECT_EQ(m.set("s", "two words"), 0);
-    EXPECT_EQ(m.set("i", -3), 0);
-    EXPECT_EQ(m.set("f", 2.5f), 0);
-    EXPECT_EQ(m.set("u", 18446744073709551615UL), 0);
-    EXPECT_EQ(redis_raw(server, "GET s"), "two words");
-    EXPECT_EQ(redis_raw(server, "GET i"), "-3");
-    EXPECT_EQ(redis_raw(server, "GET f"), "2.500000");
-    EXPECT_EQ(redis_raw(server, "GET u"), "18446744073709551615");
+    RedisServer server;
+    M m("127.0.0.1", server.port(), 1);
+    EXPECT_EQ(m.set("s", "two words") + m.set("i", -3) + m.set("f", 2.5f) +
+                  m.set("u", 18446744073709551615UL), 0);
+    EXPECT_EQ(redis_raw(server, "MGET s i f u"), "two words\n-3\n2.500000\n18446744073709551615");
 
-    // A server error (wrong type) still counts as a reply.
-    redis_raw(server, "LPUSH alist x");
-    EXPECT_EQ(m.set("alist", "v"), 0);
-}
-
-TEST_P(Bus, GetCopiesOnlyWhatFitsAndReadsNumbersByReplyType)
-{
-    m.set("seven", "1234567");
-    m.set("eight", "12345678");
-    char buf[8];
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(m.get("seven", buf, 8), 0);
-    EXPECT_EQ(std::string(buf, 8), "1234567#") << "no terminating NUL";
-    memset(buf, '#', sizeof buf);
-    EXPECT_EQ(m.get("eight", buf, 8), 0);
-    EXPECT_EQ(std::string(buf, 8), "########") << "an over-long value is not copied at all";
-    EXPECT_EQ(m.get("missing", buf, 8), 0);
-    EXPECT_EQ(std::string(buf, 8), "########");
-
-    m.set("n", 42);
-    int i = 7;
-    unsigned long u = 9;
-    float f = -1.0f;
-    EXPECT_EQ(m.get("n", &i), 0);
-    EXPECT_EQ(m.get("n", &u), 0);
-    EXPECT_EQ(i, 7) << "GET answers a string, never an integer";
-    EXPECT_EQ(u, 9u);
-    EXPECT_EQ(m.get("n", &f), 0);
-    EXPECT_FLOAT_EQ(f, 42.0f);
-    m.set("t", "abc");
-    EXPECT_EQ(m.get("t", &f), 0);
-    EXPECT_FLOAT_EQ(f, 0.0f);
-    m.set("t", "3.5xyz");
-    EXPECT_EQ(m.get("t", &f), 0);
-    EXPECT_FLOAT_EQ(f, 3.5f);
-    f = 8.0f;
+    // The buffer form copies all of a value shorter than the buffer, no NUL.
+    const std::string mib(1 << 20, 'v');
+    std::string out(mib.size() + 2, '#');
+    const struct { std::string value; int size; bool copied; } texts[] = {
+        {"1234567", 8, true}, {"12345678", 8, false}, {"x", -1, false},
+        {mib, 1 << 20, false}, {mib, (1 << 20) + 1, true},
+    };
+    for (const auto& row : texts) {
+        std::fill(out.begin(), out.end(), '#');
+        m.set("t", row.value.c_str());
+        EXPECT_EQ(m.get("t", out.data(), row.size), 0);
+        const size_t n = row.value.size();
+        EXPECT_EQ(out.substr(0, n + 1), row.copied ? row.value + "#" : std::string(n + 1, '#'))
+            << n << " bytes into " << row.size;
+    }
+    // Numbers: strtod reads a string; GET never gives the integer reply the
+    // int and unsigned long forms take.
+    const struct { const char* value; float f; } floats[] = {{"42", 42}, {"3.5xyz", 3.5f}, {"abc", 0}};
+    for (const auto& row : floats) {
+        m.set("n", row.value);
+        float f = -1;
+        int i = 7;
+        unsigned long u = 9;
+        EXPECT_EQ(m.get("n", &f) + m.get("n", &i) + m.get("n", &u), 0);
+        EXPECT_EQ(f, row.f) << row.value;
+        EXPECT_EQ(i * 10 + u, 79u);
+    }
+    float f = 8;
     EXPECT_EQ(m.get("missing", &f), 0);
-    EXPECT_FLOAT_EQ(f, 8.0f);
+    EXPECT_EQ(f, 8);
 }
 
-TEST_P(Bus, ListsAreFifoAndReportWhatDoesNotFit)
+TEST(Lists, ReceiveCopiesWhatFitsNamesTheKeyAndAlwaysTakesTheElement)
 {
-    char buf[64] = {};
-    EXPECT_EQ(m.list_send("Q", "%s", "a b"), 0);
-    EXPECT_EQ(m.list_send("Q", "%s", "second"), 0);
-    EXPECT_EQ(m.list_size("Q"), 2);
-    EXPECT_EQ(m.list_recv("Q", buf, 64, 0, nullptr, 0), 3);
-    EXPECT_EQ(std::string(buf, 3), "a b");
-    EXPECT_EQ(m.list_recv("Q", buf, 64, 0, nullptr, 0), 6);
-    EXPECT_EQ(std::string(buf, 6), "second");
-    EXPECT_EQ(m.list_recv("Q", buf, 64, 0, nullptr, 0), 0) << "empty list, no wait";
+    RedisServer server;
+    M m(server.socket().c_str(), 0, 1);
+    const std::string mib(1 << 20, 'v'), none(16, '#');
+    std::string out(mib.size() + 2, '#');
+    char name[17] = {};
+    // value, buffer size, timeout, key size, result, value copied, key written
+    const struct { std::string value; int size, timeout, key_size, rc; bool copied; std::string key; } rows[] = {
+        {"a b", 16, 0, 16, 3, true, "DEVICE_CMD"}, {"a b", 16, 1, 16, 3, true, "DEVICE_CMD"},
+        {"1234567", 8, 0, 0, 7, true, none}, {"1234567", 8, 1, 0, 7, true, none},
+        {"12345678", 8, 0, 16, -5, false, none}, {"12345678", 8, 1, 16, -5, false, none},
+        {"12345678", -1, 1, 16, 8, true, "DEVICE_CMD"}, {std::string("a\0b", 3), 4, 1, 11, 3, true, "DEVICE_CMD"},
+        {"go", 16, 1, 10, -5, true, "DEVICE_CM"}, {"go", 16, 0, 10, -5, true, "DEVICE_CM"},
+        {"go", 16, 1, 1, -5, true, ""}, {"go", 16, 0, -4, 2, true, none},
+        {"", 0, 0, 16, -5, false, none}, {"", 1, 1, 16, 0, false, "DEVICE_CMD"},
+        {mib, 1 << 20, 1, 16, -5, false, none}, {mib, (1 << 20) + 1, 0, 16, 1 << 20, true, "DEVICE_CMD"},
+    };
+    for (const auto& row : rows) {
+        std::fill(out.begin(), out.end(), '#');
+        memset(name, '#', 16);
+        ASSERT_EQ(m.list_send("DEVICE_CMD", "%b", row.value.data(), row.value.size()), 0);
+        EXPECT_EQ(m.list_recv("DEVICE_CMD", out.data(), row.size, row.timeout, name, row.key_size), row.rc)
+            << row.value.size() << " bytes into " << row.size << ", timeout " << row.timeout;
+        const size_t n = row.value.size();
+        EXPECT_EQ(out.substr(0, n + 1), row.copied ? row.value + "#" : std::string(n + 1, '#'));
+        EXPECT_EQ(name, row.key);
+        EXPECT_EQ(m.list_size("DEVICE_CMD"), 0);
+    }
+    m.set("str", "v");
+    for (int timeout : {0, 1})
+        EXPECT_EQ(m.list_recv("EMPTY", buf, 16, timeout, key, 16) + m.list_recv("str", buf, 16, timeout, key, 16), 0);
 
-    // Literal text is split at blanks; "%%" is one percent sign.
-    EXPECT_EQ(m.list_send("Q", "x y z"), 0);
-    EXPECT_EQ(m.list_send("Q", "100%%"), 0);
+    // Literal text splits at blanks; "%%" is a percent sign.
+    EXPECT_EQ(m.list_send("Q", "x y z") + m.list_send("Q", "100%%"), 0);
+    EXPECT_EQ(m.list_size("Q"), 4);
     EXPECT_EQ(redis_raw(server, "LRANGE Q 0 -1"), "100%\nz\ny\nx");
     EXPECT_EQ(m.list_clear("Q"), 1);
     EXPECT_EQ(m.list_clear("Q"), 0);
-    EXPECT_EQ(m.list_size("Q"), 0);
-
-    // Raw bytes with "%b", zero bytes included.
-    const char raw[4] = {'a', 0, 'b', 0};
-    EXPECT_EQ(m.list_send("B", "%b", raw, sizeof raw), 0);
-    memset(buf, 0x55, sizeof buf);
-    EXPECT_EQ(m.list_recv("B", buf, 64, 0, nullptr, 0), 4);
-    EXPECT_EQ(memcmp(buf, raw, 4), 0);
-    EXPECT_EQ(static_cast<unsigned char>(buf[4]), 0x55);
-
-    // A value of exactly `size` bytes does not fit and is lost.
-    m.list_send("Q", "%s", "12345678");
-    EXPECT_EQ(m.list_recv("Q", buf, 8, 0, nullptr, 0), -5);
-    EXPECT_EQ(m.list_size("Q"), 0);
-    // A negative size admits any length.
-    m.list_send("Q", "%s", "12345678");
-    EXPECT_EQ(m.list_recv("Q", buf, -1, 0, nullptr, 0), 8);
+    EXPECT_EQ(m.device_cmd_send("%s", "d") + m.bio_cmd_send("%s", "c") + m.bio_info_send("%s", "i") +
+                  m.bio_resp_send("%s", "r"), 0);
+    EXPECT_EQ(redis_raw(server, "RPOP DEVICE_CMD") + redis_raw(server, "RPOP BIO_CMD") +
+                  redis_raw(server, "RPOP MAIN_BIOMETRIC_INFO") + redis_raw(server, "RPOP BIOMETRIC_RESP"),
+              "dcir");
 }
 
-TEST_P(Bus, BlockingReceiveNamesTheKeyAndTimesOut)
-{
-    char buf[64];
-    char key[16];
-    EXPECT_EQ(m.device_cmd_send("%s", "reboot"), 0);
-    EXPECT_EQ(m.list_recv("DEVICE_CMD", buf, 64, 1, key, 11), 6);
-    EXPECT_STREQ(key, "DEVICE_CMD");
-    EXPECT_EQ(m.device_cmd_send("%s", "reboot"), 0);
-    EXPECT_EQ(m.list_recv("DEVICE_CMD", buf, 64, 1, key, 5), -5);
-    EXPECT_STREQ(key, "DEVI");
-    EXPECT_EQ(std::string(buf, 6), "reboot") << "the value stays copied";
-    // The RPOP form writes the requested key too.
-    EXPECT_EQ(m.device_cmd_send("%s", "x"), 0);
-    EXPECT_EQ(m.list_recv("DEVICE_CMD", buf, 64, 0, key, 16), 1);
-    EXPECT_STREQ(key, "DEVICE_CMD");
-
-    EXPECT_EQ(m.bio_cmd_send("%s", "c"), 0);
-    EXPECT_EQ(m.bio_info_send("%s", "i"), 0);
-    EXPECT_EQ(m.bio_resp_send("%s", "r"), 0);
-    EXPECT_EQ(redis_raw(server, "RPOP BIO_CMD"), "c");
-    EXPECT_EQ(redis_raw(server, "RPOP MAIN_BIOMETRIC_INFO"), "i");
-    EXPECT_EQ(redis_raw(server, "RPOP BIOMETRIC_RESP"), "r");
-
-    auto t = Clock::now();
-    EXPECT_EQ(m.list_recv("EMPTY", buf, 64, 1, key, 16), 0);
-    EXPECT_GE(seconds_since(t), 0.9);
-
-    // Server errors (a string key popped as a list) count as nothing received.
-    m.set("str", "v");
-    EXPECT_EQ(m.list_recv("str", buf, 64, 0, nullptr, 0), 0);
-    EXPECT_EQ(m.list_recv("str", buf, 64, 1, nullptr, 0), 0);
-    EXPECT_EQ(m.list_size("str"), 0);
-}
-
-TEST_P(Bus, CommandTemplateIsBoundedAndTakesKeysLiterally)
-{
-    // "LPUSH " + key + " " + format must fit 1023 characters and the NUL.
-    const std::string key = "K";
-    std::string format(1023 - 8, 'f');
-    EXPECT_EQ(m.list_send(key.c_str(), format.c_str()), 0);
-    EXPECT_EQ(m.list_size("K"), 1);
-    format += 'f';
-    EXPECT_EQ(m.list_send(key.c_str(), format.c_str()), -2);
-    EXPECT_EQ(m.publish("C", format.c_str()), -2) << "refused, nothing sent";
-    EXPECT_EQ(m.list_size("K"), 1);
-    EXPECT_EQ(m.list_send(nullptr, "%s", "x"), -2);
-
-    // A '%' in a key is text, not a conversion that reads missing arguments.
-    EXPECT_EQ(m.list_send("odd%s%n%key", "%s", "v"), 0);
-    EXPECT_EQ(redis_raw(server, "RPOP %s", "odd%s%n%key"), "v");
-    std::string long_key(1015, '%');
-    EXPECT_EQ(m.list_send(long_key.c_str(), "%s", "v"), -2) << "escaping counts toward the limit";
-}
-
-TEST_P(Bus, PublishCountsSubscribersAndSubscribeDeliversInOrder)
-{
-    EXPECT_EQ(m.publish("nobody", "%s", "x"), 0);
-
-    struct Got {
-        std::string channel, payload;
-        size_t len;
-        void* user;
-    };
-    std::vector<Got> got;
-    std::atomic<size_t> delivered{0};
-    std::thread sub([&] {
-        bMSG::Messager s(GetParam() ? server.socket().c_str() : nullptr, server.port(), 1);
-        EXPECT_EQ(s.subscribe("SYSTEM_STATUS",
-                              [&](const char* ch, const char* p, size_t n, void* u) {
-                                  got.push_back({ch, std::string(p, n), n, u});
-                                  EXPECT_EQ(p[n], '\0');
-                                  ++delivered;
-                              }),
-                  0);
-    });
-    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "SYSTEM_STATUS", 1));
-    EXPECT_EQ(m.system_publish("%s", "ready now"), 1);
-    EXPECT_EQ(m.publish("SYSTEM_STATUS", "%s", "second"), 1);
-    EXPECT_EQ(m.publish("SYSTEM_STATUS", "%b", "z\0z", static_cast<size_t>(3)), 1);
-    // Literal blanks make extra arguments: the server refuses, silently 0.
-    Captured c = run_captured([&] { return m.publish("SYSTEM_STATUS", "a b c"); });
-    EXPECT_EQ(c.status, 0);
-    EXPECT_EQ(c.out + c.err, "");
-    // Give the subscriber a moment, then end subscribe by killing the server.
-    for (int i = 0; i < 200 && delivered < 3; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    server.stop();
-    sub.join();
-    ASSERT_EQ(got.size(), 3u);
-    EXPECT_EQ(got[0].channel, "SYSTEM_STATUS");
-    EXPECT_EQ(got[0].payload, "ready now");
-    EXPECT_EQ(got[0].len, 9u);
-    EXPECT_EQ(got[0].user, nullptr);
-    EXPECT_EQ(got[1].payload, "second");
-    EXPECT_EQ(got[2].payload, std::string("z\0z", 3));
-}
-
-TEST(PublishSubscribe, EmptyCallbackThrowsOnFirstMessage)
+TEST(PublishSubscribe, DeliversInOrderUntilTheServerGoes)
 {
     RedisServer server;
-    bMSG::Messager m(nullptr, server.port(), 1);
+    M m(server.socket().c_str(), 0, 1);
+    std::vector<std::string> got;
+    std::atomic<size_t> delivered{0};
+    std::atomic<int> sub_rc{1};
     std::atomic<bool> threw{false};
     std::thread sub([&] {
-        bMSG::Messager s(nullptr, server.port(), 1);
+        sub_rc = M(nullptr, server.port(), 1).subscribe("SYSTEM_STATUS", [&](const char* ch, const char* p, size_t n, void* user) {
+            got.push_back(std::string(ch) + "=" + std::string(p, n) + (p[n] || user ? "!" : ""));
+            ++delivered;
+        });
+    });
+    std::thread empty([&] {
         try {
-            s.subscribe("C", bMSG::MessageCallback());
+            M(server.socket().c_str(), 0, 1).subscribe("E", {});
         } catch (const std::bad_function_call&) {
             threw = true;
         }
     });
-    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "C", 1));
-    EXPECT_FALSE(threw.load()) << "not at the call";
-    m.publish("C", "%s", "x");
-    sub.join();
-    EXPECT_TRUE(threw.load());
-}
-
-TEST(LostConnection, EveryOperationFailsWithItsCodeAndNeverReconnects)
-{
-    RedisServer server;
+    ASSERT_TRUE(wait_subscribers(server, "SYSTEM_STATUS", 1) && wait_subscribers(server, "E", 1));
+    EXPECT_FALSE(threw.load());
     Captured c = run_captured([&] {
-        bMSG::Messager m(nullptr, server.port(), 1);
-        if (!m.redis_context())
-            return 1;
-        server.stop();
-        char buf[8];
-        int i = 0;
-        std::vector<int> codes = {
-            m.set("k", "v"), m.set("k", 1), m.set("k", 1.0f), m.set("k", 1UL),
-            m.get("k", buf, 8), m.get("k", &i),
-            m.list_send("L", "%s", "x"), m.bio_cmd_send("%s", "x"),
-            m.list_recv("L", buf, 8, 0, nullptr, 0), m.list_size("L"), m.list_clear("L"),
-            m.system_publish("%s", "x"),
-        };
-        printf("codes:");
-        for (int code : codes)
-            printf(" %d", code);
-        printf("\n");
-        fflush(stdout);
-        // The variadic publish reports; the subscribe command gets no reply.
-        if (m.publish("C", "%s", "x") != -2 || m.subscribe("C", {}) != -3)
-            return 2;
-        return m.redis_context() ? 0 : 3;
+        return m.system_publish("%s", "ready now") * 1000 + m.publish("SYSTEM_STATUS", "%b", "z\0z", size_t{3}) * 100 +
+               m.publish("E", "%s", "x") * 10 + m.publish("SYSTEM_STATUS", "a b c") + m.publish("nobody", "x");
     });
-    EXPECT_EQ(c.status, 0) << c.out << c.err;
-    EXPECT_NE(c.out.find("codes: -7 -7 -7 -7 -8 -8 -2 -2 -3 -3 -3 -2\n"), std::string::npos) << c.out;
-    EXPECT_NE(c.out.find("publish error: reply is NULL\n"), std::string::npos);
-    EXPECT_EQ(count_of(c.err, "bMSG ERROR publish["), 1) << "system_publish stays silent";
-}
-
-TEST(LostConnection, SubscribeReturnsZeroWhenTheServerGoes)
-{
-    RedisServer server;
-    std::atomic<int> rc{1};
-    std::thread sub([&] {
-        bMSG::Messager s(server.socket().c_str(), 0, 1);
-        rc = s.subscribe("C", [](const char*, const char*, size_t, void*) {});
-    });
-    ASSERT_TRUE(bmsg_test::wait_subscribers(server, "C", 1));
+    EXPECT_EQ(c.status, 1110) << "literal blanks make a command the server refuses";
+    EXPECT_EQ(c.out + c.err, "");
+    empty.join();
+    EXPECT_TRUE(threw.load());
+    wait_until([&] { return delivered == 2; });
     server.stop();
     sub.join();
-    EXPECT_EQ(rc.load(), 0);
+    EXPECT_EQ(sub_rc.load(), 0);
+    EXPECT_EQ(got, (std::vector<std::string>{"SYSTEM_STATUS=ready now", std::string("SYSTEM_STATUS=z\0z", 17)}));
 }
 
-TEST(Messager, DestructorFreesOwnedSegments)
+TEST(Messager, ConnectionsStayOutOfChildProcessesAndOwnedSegmentsGoWithIt)
 {
     RedisServer server;
-    const std::string name = "/bmsg_test_owned_" + std::to_string(getpid());
-    {
-        bMSG::Messager m(nullptr, server.port(), 1);
-        m.segments["a"] = new bMSG::SharedMemory(name, 16, true);
-        m.segments["b"] = nullptr;
-        bMSG::SharedMemory peek(name, 16, false);
-        EXPECT_NE(peek.addr, nullptr);
+    const std::string segment = "/bmsg_test_owned_" + std::to_string(getpid());
+    for (const char* address : {server.socket().c_str(), "127.0.0.1"}) {
+        Child child;
+        {
+            M m(address, server.port(), 1);
+            m.segments["a"] = new bMSG::SharedMemory(segment, 16, true);
+            freeReplyObject(redisCommand(m.redis_context(), "SUBSCRIBE C"));
+            child = spawn_native("sleep", {"60"});
+            ASSERT_TRUE(wait_subscribers(server, "C", 1));
+        }
+        EXPECT_TRUE(wait_subscribers(server, "C", 0)) << "the child holds the connection " << address;
+        EXPECT_EQ(bMSG::SharedMemory(segment, 16, false).addr, nullptr);
     }
-    bMSG::SharedMemory gone(name, 16, false);
-    EXPECT_EQ(gone.addr, nullptr) << "the owner's segment is unlinked";
+}
+
+TEST(ServerKilled, EveryOperationGivesItsCodeAndKeepsTheBrokenConnection)
+{
+    for (bool unix_socket : {true, false}) {
+        RedisServer server;
+        Captured c = run_captured([&] {
+            M m(unix_socket ? server.socket().c_str() : nullptr, server.port(), 1);
+            server.stop();
+            std::string wrong;
+            for (const auto& [code, op] : every_op)
+                if (op(m) != code)
+                    wrong += std::to_string(code) + " ";
+            printf("%s", wrong.c_str());
+            return m.redis_context() ? 0 : 1;
+        });
+        EXPECT_EQ(c.status, 0);
+        EXPECT_EQ(c.out, "publish error: reply is NULL\n") << "unix " << unix_socket;
+        EXPECT_EQ(count_of(c.err, "bMSG ERROR publish["), 1);
+    }
+}
+
+TEST(ServerKilled, BlockedPopSubscriberAndCommandLoopReturnThenANewMessagerWorks)
+{
+    for (bool unix_socket : {true, false}) {
+        RedisServer server;
+        const char* address = unix_socket ? server.socket().c_str() : "127.0.0.1";
+        std::atomic<int> pop = 1, again = 1, set = 1, sub = 1;
+        std::string loop_faults;
+        std::thread popper([&] {
+            M m(address, server.port(), 1);
+            pop = m.list_recv("Q", buf, 16, 30, key, 16);
+            again = m.list_recv("Q", buf, 16, 30, key, 16);
+            set = m.set("k", "v");
+        });
+        std::thread subscriber([&] { sub = M(address, server.port(), 1).subscribe("S", [](auto...) {}); });
+        std::thread loop([&] {
+            M m(address, server.port(), 1);
+            for (int i = 0, failed_at = -1; failed_at < 0 || i < failed_at + 3; ++i)
+                for (size_t op = 0; op + 1 < every_op.size(); ++op) {
+                    const int rc = every_op[op].second(m);
+                    failed_at = failed_at < 0 && rc < 0 ? i : failed_at;
+                    if (failed_at >= 0 && rc != every_op[op].first)
+                        loop_faults += std::to_string(i) + ":" + std::to_string(op) + "=" + std::to_string(rc) + " ";
+                }
+        });
+        ASSERT_TRUE(wait_until([&] {
+            return redis_raw(server, "INFO clients").find("blocked_clients:1") != std::string::npos &&
+                   redis_raw(server, "PUBSUB NUMSUB S") == "S\n1" && atoi(redis_raw(server, "LLEN BIO_CMD").c_str()) > 200;
+        }));
+        server.stop();
+        popper.join();
+        subscriber.join();
+        loop.join();
+        EXPECT_EQ(std::vector<int>({pop, again, set, sub}), std::vector<int>({-3, -3, -7, 0}));
+        EXPECT_EQ(loop_faults, "");
+        server.restart();
+        M fresh(address, server.port(), 1);
+        EXPECT_EQ(fresh.list_send("Q", "%s", "again"), 0);
+        EXPECT_EQ(fresh.list_recv("Q", buf, 16, 1, nullptr, 0), 5);
+    }
 }
