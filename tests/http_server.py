@@ -1,12 +1,8 @@
 #!/usr/bin/env python3
-"""Recording HTTP/1.1 server for the HTTP client tests: listens on 127.0.0.1,
-prints its port, closes every connection after one exchange. GET /hits/<p>
-tells how many requests for /<p> arrived. Other paths by their first part:
-/status/N, /redirect/N?code=C (to N-1, at 0 the echo), /nolocation,
-/badlocation, /drop/N/key (closed unanswered N times), /hang, /stall and
-/cut (10 of 100 body bytes, then silence or a close), /garbage; anything
-else: 200 with the request as received, Host line left out."""
-import re, socketserver, sys
+"""HTTP/1.1 server of the HTTP client tests on 127.0.0.1; prints its port.
+One exchange per connection; what a path does is in the table below;
+anything else gets 200 and the request as received, Host line left out."""
+import re, socketserver
 from collections import Counter
 
 hits = Counter()

@@ -2,7 +2,7 @@
 // luajit: sanitizer builds, with the bmsg module built in (an instrumented
 // library cannot be loaded into the uninstrumented luajit), and cross builds,
 // which load bmsg.so through package.cpath as luajit does.
-//   lua_host <script> [args...]     (arg[0] is the script, as with luajit)
+//   lua_host [script [args...]]    (arg[0] is the script; none: stdin)
 // Exits with 1, after closing the state, when the script raises an error.
 #include <lua.hpp>
 
@@ -12,10 +12,6 @@ extern "C" int luaopen_bmsg(lua_State* L);
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) {
-        fprintf(stderr, "usage: %s script [args...]\n", argv[0]);
-        return 2;
-    }
     lua_State* L = luaL_newstate();
     luaL_openlibs(L);
 #ifdef BMSG_LUA_BUILTIN
@@ -31,7 +27,7 @@ int main(int argc, char** argv)
     lua_setglobal(L, "arg");
     lua_getglobal(L, "debug");
     lua_getfield(L, -1, "traceback");
-    const bool ok = luaL_loadfile(L, argv[1]) == 0 && lua_pcall(L, 0, 0, -2) == 0;
+    const bool ok = luaL_loadfile(L, argc > 1 ? argv[1] : nullptr) == 0 && lua_pcall(L, 0, 0, -2) == 0;
     if (!ok)
         fprintf(stderr, "lua_host: %s\n", lua_tostring(L, -1));
     lua_close(L);

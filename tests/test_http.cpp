@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 using bMSG::bHttpClient;
 
@@ -19,10 +20,7 @@ using Op = int (bHttpClient::*)(const char*, const char*, size_t, bMSG::HttpResp
                                 bMSG::HttpErrorCallback);
 const std::string standard = "Accept: */*\r\nUser-Agent: Wget/1.14 (gnu-linux)\r\nConnection: close\r\n";
 
-std::string err(int error, int state)
-{
-    return "error " + std::to_string(error) + "/" + std::to_string(state);
-}
+std::string err(int error, int state) { return "error " + std::to_string(error) + "/" + std::to_string(state); }
 
 // What the callbacks of one request saw, in order: "<status> <body>" for a
 // response, "error <error>/<state>" for a failure.
@@ -50,7 +48,19 @@ protected:
         return static_cast<unsigned short>(p);
     }();
     bHttpClient client{"127.0.0.1", port, 0, 5};
+    bHttpClient on(int retries, int redirects) { return bHttpClient("127.0.0.1", port, retries, redirects); }
     int hits(const std::string& path) { return atoi(call(client, nullptr, "/hits" + path).c_str() + 4); }
+
+    // A request and its outcome; hits: how many requests for the path (the
+    // part before '?') reached the server, -1 when not counted.
+    struct Row { bHttpClient c; Op op; std::string path; const char* body; size_t length; std::string expected; int hits; };
+    void walk(const std::vector<Row>& rows)
+    {
+        for (Row r : rows) {
+            EXPECT_EQ(call(r.c, r.op, r.path, r.body, r.length), r.expected) << r.path;
+            EXPECT_EQ(r.hits < 0 ? r.hits : hits(r.path.substr(0, r.path.find('?'))), r.hits) << r.path;
+        }
+    }
 };
 
 } // namespace
@@ -77,31 +87,24 @@ TEST(ToUrl, ComposesOrPassesThrough)
 TEST_F(Http, RequestsAsTheServerReceivesThem)
 {
     const char data[] = "a b\0c\r\n";  // NUL included
-    const std::string bytes(data, 7), length = "Content-Length: 7\r\n\r\n";
-    const struct {
-        Op op;
-        std::string path;
-        const char* body;
-        size_t length;
-        std::string expected;
-    } rows[] = {
-        {nullptr, "echo?q=1", nullptr, 0, "200 GET /echo?q=1 HTTP/1.1\r\n" + standard + "\r\n"},
-        {&bHttpClient::post, "/p", data, 7, "200 POST /p HTTP/1.1\r\n" + standard + length + bytes},
-        {&bHttpClient::put, "/u", data, 7, "200 PUT /u HTTP/1.1\r\n" + standard + length + bytes},
-        {&bHttpClient::post, "/p", nullptr, 0, "200 POST /p HTTP/1.1\r\n" + standard + "Content-Length: 0\r\n\r\n"},
-        {&bHttpClient::put, "/u", data, 0, "200 PUT /u HTTP/1.1\r\n" + standard + "Content-Length: 0\r\n\r\n"},
-        {&bHttpClient::del, "/d", data, 7, "200 DELETE /d HTTP/1.1\r\n" + length + bytes},
-        {&bHttpClient::del, "/d", nullptr, 7, "200 DELETE /d HTTP/1.1\r\n\r\n"},
-        {&bHttpClient::del, "/d", data, 0, "200 DELETE /d HTTP/1.1\r\n\r\n"},
-        {nullptr, "/status/404", nullptr, 0, "404 status 404"},
-        {nullptr, "/status/500", nullptr, 0, "500 status 500"},
-        {nullptr, "http://127.0.0.1:" + std::to_string(port) + "/status/201", nullptr, 0, "201 status 201"},
-    };
-    setenv("http_proxy", ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);  // not used
-    bHttpClient elsewhere("127.0.0.1", bmsg_test::free_port(), 0, 0);
-    for (const auto& r : rows)
-        EXPECT_EQ(call(r.path[0] == 'h' ? elsewhere : client, r.op, r.path, r.body, r.length), r.expected);
-
+    const std::string bytes(data, 7);
+    const std::string length = "Content-Length: 7\r\n\r\n" + bytes;
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/status/201";
+    const bHttpClient elsewhere("127.0.0.1", bmsg_test::free_port(), 0, 0);
+    setenv("http_proxy", url.c_str(), 1);  // to be ignored
+    walk({
+        {client, nullptr, "echo?q=1", nullptr, 0, "200 GET /echo?q=1 HTTP/1.1\r\n" + standard + "\r\n", -1},
+        {client, &bHttpClient::post, "/p", data, 7, "200 POST /p HTTP/1.1\r\n" + standard + length, 1},
+        {client, &bHttpClient::put, "/u", data, 7, "200 PUT /u HTTP/1.1\r\n" + standard + length, 1},
+        {client, &bHttpClient::post, "/p", nullptr, 0, "200 POST /p HTTP/1.1\r\n" + standard + "Content-Length: 0\r\n\r\n", 2},
+        {client, &bHttpClient::put, "/u", data, 0, "200 PUT /u HTTP/1.1\r\n" + standard + "Content-Length: 0\r\n\r\n", 2},
+        {client, &bHttpClient::del, "/d", data, 7, "200 DELETE /d HTTP/1.1\r\n" + length, 1},
+        {client, &bHttpClient::del, "/d", nullptr, 7, "200 DELETE /d HTTP/1.1\r\n\r\n", 2},
+        {client, &bHttpClient::del, "/d", data, 0, "200 DELETE /d HTTP/1.1\r\n\r\n", 3},
+        {client, nullptr, "/status/404", nullptr, 0, "404 status 404", 1},
+        {client, nullptr, "/status/500", nullptr, 0, "500 status 500", 1},
+        {elsewhere, nullptr, url, nullptr, 0, "201 status 201", -1},
+    });
     // Several MiB of every byte value arrive whole.
     std::string big(5 << 20, '\0');
     for (size_t i = 0; i < big.size(); ++i)
@@ -121,43 +124,32 @@ TEST_F(Http, FailuresRetriesAndRedirects)
     setenv("RES_OPTIONS", "timeout:1 attempts:1", 1);  // a slow resolver gives up soon
     addrinfo* found = nullptr;
     const int no_name = getaddrinfo("nonexistent.invalid", nullptr, nullptr, &found);
-    auto on = [this](int retries, int redirects) { return bHttpClient("127.0.0.1", port, retries, redirects); };
     const std::string echo0 = " /redirect/0?code=30";
-    const struct {
-        bHttpClient c;
-        Op op;
-        std::string path;
-        std::string expected;
-        int hits;  // of path on the server; -1: not counted
-    } rows[] = {
-        {bHttpClient("127.0.0.1", bmsg_test::free_port(), 2, 0), nullptr, "/", err(ECONNREFUSED, 1), -1},
-        {bHttpClient("nonexistent.invalid", 80, 1, 0), nullptr, "/", err(no_name, 66), -1},
-        {bHttpClient("127.0.0.1", 0, 0, 0), nullptr, "/", err(1003, 67), -1},
-        {bHttpClient("bad host", 80, 0, 0), nullptr, "/", err(1001, 67), -1},
-        {on(0, 0), nullptr, "http://", err(1001, 67), -1},
-        {on(0, 0), nullptr, "xhttpx", err(1001, 67), -1},
-        {on(0, 0), nullptr, "gopher://127.0.0.1/http", err(1002, 67), -1},
-        {on(0, 0), nullptr, "http://127.0.0.1:70000/", err(1003, 67), -1},
-        {on(0, 0), nullptr, "https://127.0.0.1:" + std::to_string(port) + "/", err(35, 65), -1},
-        {on(2, 0), nullptr, "/garbage", err(EBADMSG, 1), 3},
-        {on(2, 0), nullptr, "/cut", err(ECONNRESET, 1), 1},
-        {on(3, 0), nullptr, "/drop/3/a", "200 attempt 4", 4},
-        {on(2, 0), &bHttpClient::post, "/drop/3/b", err(ECONNRESET, 1), 3},
-        {on(-4, 0), nullptr, "/drop/1/c", err(ECONNRESET, 1), 1},
-        {on(0, 5), nullptr, "/redirect/3", "200 GET" + echo0 + "2 HTTP/1.1\r\n" + standard + "\r\n", 1},
-        {on(0, 2), nullptr, "/redirect/3?code=301", "301 ", 2},
-        {on(0, 0), nullptr, "/redirect/1?code=308", "308 ", -1},
-        {on(0, 5), &bHttpClient::put, "/redirect/1?code=307", "200 PUT" + echo0 + "7 HTTP/1.1\r\n" + standard + "Content-Length: 3\r\n\r\nxyz", -1},
-        {on(0, 5), &bHttpClient::post, "/redirect/1?code=308", "200 POST" + echo0 + "8 HTTP/1.1\r\n" + standard + "Content-Length: 3\r\n\r\nxyz", -1},
-        {on(0, 5), &bHttpClient::post, "/redirect/1?code=303", "200 GET" + echo0 + "3 HTTP/1.1\r\n" + standard + "\r\n", -1},
-        {on(0, 0), nullptr, "/nolocation", "302 ", -1},
-        {on(0, 5), nullptr, "/nolocation", err(2001, 67), -1},
-        {on(0, 5), nullptr, "/badlocation", err(2001, 67), -1},
-    };
-    for (auto r : rows) {
-        EXPECT_EQ(call(r.c, r.op, r.path, "xyz", 3), r.expected) << r.path;
-        EXPECT_EQ(r.hits < 0 ? r.hits : hits(r.path.substr(0, r.path.find('?'))), r.hits) << r.path;
-    }
+    walk({
+        {bHttpClient("127.0.0.1", bmsg_test::free_port(), 2, 0), nullptr, "/", nullptr, 0, err(ECONNREFUSED, 1), -1},
+        {bHttpClient("nonexistent.invalid", 80, 1, 0), nullptr, "/", nullptr, 0, err(no_name, 66), -1},
+        {bHttpClient("127.0.0.1", 0, 0, 0), nullptr, "/", nullptr, 0, err(1003, 67), -1},
+        {bHttpClient("bad host", 80, 0, 0), nullptr, "/", nullptr, 0, err(1001, 67), -1},
+        {on(0, 0), nullptr, "http://", nullptr, 0, err(1001, 67), -1},
+        {on(0, 0), nullptr, "xhttpx", nullptr, 0, err(1001, 67), -1},
+        {on(0, 0), nullptr, "gopher://127.0.0.1/http", nullptr, 0, err(1002, 67), -1},
+        {on(0, 0), nullptr, "http://127.0.0.1:70000/", nullptr, 0, err(1003, 67), -1},
+        {on(0, 0), nullptr, "https://127.0.0.1:" + std::to_string(port) + "/", nullptr, 0, err(35, 65), -1},
+        {on(2, 0), nullptr, "/garbage", nullptr, 0, err(EBADMSG, 1), 3},
+        {on(2, 0), nullptr, "/cut", nullptr, 0, err(ECONNRESET, 1), 1},
+        {on(3, 0), nullptr, "/drop/3/a", nullptr, 0, "200 attempt 4", 4},
+        {on(2, 0), &bHttpClient::post, "/drop/3/b", "xyz", 3, err(ECONNRESET, 1), 3},
+        {on(-4, 0), nullptr, "/drop/1/c", nullptr, 0, err(ECONNRESET, 1), 1},
+        {on(0, 5), nullptr, "/redirect/3", nullptr, 0, "200 GET" + echo0 + "2 HTTP/1.1\r\n" + standard + "\r\n", 1},
+        {on(0, 2), nullptr, "/redirect/3?code=301", nullptr, 0, "301 ", 2},
+        {on(0, 0), nullptr, "/redirect/1?code=308", nullptr, 0, "308 ", -1},
+        {on(0, 5), &bHttpClient::put, "/redirect/1?code=307", "xyz", 3, "200 PUT" + echo0 + "7 HTTP/1.1\r\n" + standard + "Content-Length: 3\r\n\r\nxyz", -1},
+        {on(0, 5), &bHttpClient::post, "/redirect/1?code=308", "xyz", 3, "200 POST" + echo0 + "8 HTTP/1.1\r\n" + standard + "Content-Length: 3\r\n\r\nxyz", -1},
+        {on(0, 5), &bHttpClient::post, "/redirect/1?code=303", "xyz", 3, "200 GET" + echo0 + "3 HTTP/1.1\r\n" + standard + "\r\n", -1},
+        {on(0, 0), nullptr, "/nolocation", nullptr, 0, "302 ", -1},
+        {on(0, 5), nullptr, "/nolocation", nullptr, 0, err(2001, 67), -1},
+        {on(0, 5), nullptr, "/badlocation", nullptr, 0, err(2001, 67), -1},
+    });
 }
 
 TEST_F(Http, SilentServersTimeOut)

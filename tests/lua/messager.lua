@@ -13,45 +13,39 @@ for _, c in ipairs({ { 3, "3" }, { -7, "-7" }, { 3.25, "3.250000" }, { "0x10", "
   t.eq(tostring(m:set("k", c[1])), tostring(c[1]), "set returns its value " .. c[2])
   t.eq((t.redis("GET", "k"):gsub("^-nan", "nan")), c[2], "stored " .. c[2])
 end
-t.same("set with an extra argument", { "extra" }, m:set("k", 1, "extra"))
 t.same("empty key", { n = 2, nil, "key is empty" }, m:set("", "v"))
 t.eq(t.redis("EXISTS", ""), "0", "nothing stored under the empty key")
-t.raises("set of a boolean", "bad argument #3", m.set, m, "b", true)
 
 -- get: bytes whole, nil alone for a missing key, nil and the server's text
 -- for an error reply; the port is narrowed to 16 bits; a socket path wins.
-t.redis_with("a\0b", "SET", "bin")
-t.redis("LPUSH", "alist", "x")
+t.redis("EVAL", "redis.call('SET', 'bin', 'a\\0b') redis.call('LPUSH', 'list', 1)", 0)
 for _, c in ipairs({ { m, "bin", { "a\0b" } }, { m, "missing", { n = 1, nil } },
-  { m, "alist", { n = 2, nil, "WRONGTYPE Operation against a key holding the wrong kind of value" } },
+  { m, "list", { n = 2, nil, "WRONGTYPE Operation against a key holding the wrong kind of value" } },
   { bmsg.messager.new("", t.port + 65536, 1), "bin", { "a\0b" } },
   { bmsg.messager.new(t.socket, 0, 1), "bin", { "a\0b" } } }) do
   t.same("get " .. c[2], c[3], c[1]:get(c[2]))
 end
 
--- Each method on its own list: list i holds i values, sends are formats
--- ("%%" is one '%', blanks split), receives take the oldest.
+-- Each method on its own list: list i gets i values (a send is a format:
+-- "%%" is one '%', blanks split); a receive takes the oldest.
 local lists = { { "DEVICE_CMD", "device_cmd" }, { "BIO_CMD", "bio_cmd" },
   { "MAIN_BIOMETRIC_INFO", "bio_info" }, { "BIOMETRIC_RESP", "bio_resp" } }
+for i, l in ipairs(lists) do m[l[2] .. "_send"](m, l[1] .. "%% " .. ("x "):rep(i - 1)) end
 for i, l in ipairs(lists) do
-  t.same(l[2] .. "_send", { n = 0 }, m[l[2] .. "_send"](m, "1%% " .. ("x "):rep(i - 1)))
   t.eq(t.redis("LLEN", l[1]), tostring(i), l[2] .. "_send pushes onto " .. l[1])
-end
-for i, l in ipairs(lists) do
   if i > 1 then
     t.same(l[2] .. "_size", { i }, m[l[2] .. "_size"](m))
-    t.same(l[2] .. "_recv", { "1%" }, m[l[2] .. "_recv"](m, 0))
-    t.eq(t.redis("LLEN", l[1]), tostring(i - 1), l[2] .. "_recv pops from " .. l[1])
+    t.same(l[2] .. "_recv", { l[1] .. "%" }, m[l[2] .. "_recv"](m, 0))
   end
 end
 t.same("bio_cmd_clear", { 1 }, m:bio_cmd_clear())
-t.same("bio_cmd_clear of nothing", { 0 }, m:bio_cmd_clear())
-t.eq(t.redis("LLEN", "BIOMETRIC_RESP") .. t.redis("LLEN", "MAIN_BIOMETRIC_INFO"), "32", "other lists kept")
+t.same("bio_cmd_size after clear", { 0 }, m:bio_cmd_size())
 
--- What a receive makes of a value: 10239 bytes fit, longer or empty values
--- give nil and are gone all the same.
-for _, v in ipairs({ "a\0b", ("f"):rep(10239), ("g"):rep(10240), "" }) do
-  t.redis_with(v, "LPUSH", "BIO_CMD")
+-- Received values: up to 10239 bytes whole; longer or empty ones give nil
+-- and are gone all the same.
+t.redis("EVAL", "redis.call('LPUSH', 'BIO_CMD', 'a\\0b')", 0)
+for _, v in ipairs({ "a\0b", "z", ("f"):rep(10239), ("g"):rep(10240), "" }) do
+  if #v ~= 3 then t.redis("LPUSH", "BIO_CMD", v) end
   t.same(#v .. " bytes", { n = 1, #v % 10240 > 0 and v or nil }, m:bio_cmd_recv(0))
   t.eq(t.redis("LLEN", "BIO_CMD"), "0", #v .. " bytes gone")
 end
@@ -63,23 +57,21 @@ t.same("recv(1) gives up", { n = 1, nil }, m:bio_cmd_recv(1))
 t.same("recv(1, 6) waits", { "late" }, m:bio_cmd_recv(1, 6))
 t.later(0.5, "LPUSH", "BIO_CMD", "later")
 t.same("recv() waits", { "later" }, m:bio_cmd_recv())
-t.raises("a lone time-out is a number", "bad argument #2", m.bio_cmd_recv, m, "abc")
 
--- Without a server: new still makes an object; get does not connect again,
--- the others try and give their codes.
+-- Without a server: get does not connect again, the others try and give
+-- their codes. Every method wants a messager as argument 1 and answers nil
+-- and a message once the object was finalised.
 local dead = bmsg.messager.new("127.0.0.1", t.dead_port, 1)
 for _, c in ipairs({ { "get", { n = 2, nil, "redis connection is NULL" } }, { "set", { "v" } },
   { "bio_cmd_size", { -1 } }, { "bio_cmd_recv", { n = 1, nil } }, { "bio_cmd_send", { n = 0 } } }) do
   t.same(c[1] .. " without a server", c[2], dead[c[1]](dead, "k", "v"))
 end
-
--- Every method wants a messager as argument 1 and answers nil and a message
--- once the object was finalised.
 getmetatable(dead).__gc(dead)
 for _, name in ipairs({ "get", "set", "publish", "subscribe", "device_cmd_send", "bio_cmd_send",
   "bio_cmd_recv", "bio_cmd_size", "bio_cmd_clear", "bio_info_send", "bio_info_recv", "bio_info_size",
   "bio_resp_send", "bio_resp_recv", "bio_resp_size", "system_publish" }) do
-  t.raises(name .. " on a number", "bmsg.messager expected", m[name], 5, "k", "v")
-  t.raises(name .. " on a file", "bmsg.messager expected", m[name], io.stdout, "k", "v")
+  for _, wrong in ipairs({ 5, io.stdout }) do
+    t.eq(select(2, pcall(m[name], wrong)):match("bmsg.messager expected") ~= nil, true, name .. " on a wrong self")
+  end
   t.same(name .. " after __gc", { n = 2, nil, "messager is NULL" }, dead[name](dead, "k", "v"))
 end

@@ -1,5 +1,5 @@
 -- Helpers of the Lua test scripts: the private server lua_runner started,
--- checks, a raw client (redis-cli on the server's socket), waits.
+-- checks, redis-cli on the server's socket, waits.
 local ffi = require "ffi"
 ffi.cdef "int usleep(unsigned); int open(const char*, int, int); int dup(int); int dup2(int, int);"
 local t = { port = tonumber(os.getenv("BMSG_TEST_PORT")), socket = os.getenv("BMSG_TEST_SOCKET"),
@@ -17,32 +17,17 @@ function t.same(what, want, ...)
   for i = 1, select("#", ...) do t.eq((select(i, ...)), want[i], what .. " result " .. i) end
 end
 
-function t.raises(what, part, f, ...)
-  local ok, err = pcall(f, ...)
-  if ok or not tostring(err):find(part, 1, true) then error(what .. ": " .. tostring(err), 2) end
-end
-
 local function cli(...)
   local words = { "redis-cli -s", t.socket }
   for _, a in ipairs({ ... }) do words[#words + 1] = "'" .. tostring(a):gsub("'", "'\\''") .. "'" end
   return table.concat(words, " ")
 end
 
--- One command; its output without the final newline. With `data`, that is
--- the last argument (any bytes).
-function t.redis(...)
-  local out = assert(io.popen(cli(...))):read("*a")
-  return (out:gsub("\n$", ""))
-end
-function t.redis_with(data, ...)
-  local p = assert(io.popen(cli("-x", ...) .. " >/dev/null", "w"))
-  p:write(data)
-  p:close()
-end
+-- One command; its output without the final newline.
+function t.redis(...) return (assert(io.popen(cli(...))):read("*a"):gsub("\n$", "")) end
 
--- Shell commands in the background: one command after `delay` seconds, and
--- "wake" published on a channel until nobody listens, for unsubscribe, which
--- waits for one more message.
+-- In the background: a command after `delay` seconds; "wake" published until
+-- nobody listens, for unsubscribe, which waits for one more message.
 function t.later(delay, ...) os.execute(("(sleep %s; %s) >/dev/null &"):format(delay, cli(...))) end
 function t.unsubscribe_live(m, handle, channel)
   os.execute(("for i in $(seq 300); do [ \"$(%s)\" = 0 ] && break; sleep 0.1; done >/dev/null &")
@@ -58,13 +43,10 @@ function t.wait_until(what, f)
   end
   error("timed out waiting for " .. what, 2)
 end
-function t.wait_subscribers(channel, n)
-  t.wait_until(channel, function() return t.redis("PUBSUB", "NUMSUB", channel) == channel .. "\n" .. n end)
-end
 
 -- What this process wrote to stdout and to stderr while f ran.
 function t.output_of(f)
-  local texts, saved = {}, { ffi.C.dup(1), ffi.C.dup(2) }
+  local saved, texts = { ffi.C.dup(1), ffi.C.dup(2) }, {}
   io.stdout:flush()
   for fd = 1, 2 do ffi.C.dup2(ffi.C.open(t.socket .. fd, 577, 384), fd) end -- O_WRONLY|O_CREAT|O_TRUNC
   local ok, err = pcall(f)
