@@ -41,10 +41,9 @@ class Handler(socketserver.BaseRequestHandler):
             "drop": lambda: b"" if hits[path] <= int(n) else response(200, b"attempt %d" % hits[path]),
             "hang": lambda: b"",
             "stall": lambda: b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789",
-            "cut": lambda: b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789",
             "garbage": lambda: b"this is not http\r\n\r\n",
             "tls": lambda: b"HTTP/1.1 400 Not TLS\r\n\r\n",
-        }.get(what, lambda: response(200, raw))()
+        }.get(what.replace("cut", "stall"), lambda: response(200, raw))()
         self.request.sendall(answer)
         if what in ("hang", "stall"):
             while self.request.recv(65536):  # until the client goes away

@@ -25,9 +25,7 @@ int main(int argc, char** argv)
         lua_rawseti(L, -2, i - 1);
     }
     lua_setglobal(L, "arg");
-    lua_getglobal(L, "debug");
-    lua_getfield(L, -1, "traceback");
-    const bool ok = luaL_loadfile(L, argc > 1 ? argv[1] : nullptr) == 0 && lua_pcall(L, 0, 0, -2) == 0;
+    const bool ok = luaL_dofile(L, argc > 1 ? argv[1] : nullptr) == 0;
     if (!ok)
         fprintf(stderr, "lua_host: %s\n", lua_tostring(L, -1));
     lua_close(L);

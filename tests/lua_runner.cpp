@@ -1,12 +1,9 @@
-// Runs one Lua test script against a private redis-server:
-//   lua_runner <interpreter> <module-dir> <script> [args...]
-// The script finds the server through BMSG_TEST_PORT, BMSG_TEST_SOCKET and
-// BMSG_TEST_REDIS_PID (it may kill it: the runner reaps it), a port nobody
-// listens on through BMSG_TEST_DEAD_PORT, the bmsg module through LUA_CPATH
-// and its helpers through LUA_PATH. The interpreter is started like a
-// program of ours (behind BMSG_TEST_EMULATOR in cross builds, where it is
-// lua_host). Exits with the script's status, 1 when it is still running
-// after 100 s (it is killed) or ended by a signal.
+// lua_runner <interpreter> <module-dir> <script> [args...]: runs the script
+// against a private redis-server (BMSG_TEST_PORT, BMSG_TEST_SOCKET and, to
+// kill it, BMSG_TEST_REDIS_PID), with BMSG_TEST_DEAD_PORT free, the module in
+// LUA_CPATH and the helpers in LUA_PATH. The interpreter starts like a
+// program of ours (behind the emulator in cross builds, where it is lua_host).
+// Exits with the script's status; 1 when it ran for 100 s (it is killed).
 #include "redis_server.h"
 
 #include <unistd.h>

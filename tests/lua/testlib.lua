@@ -37,10 +37,7 @@ end
 
 -- Calls f until it returns true; fails after about ten seconds.
 function t.wait_until(what, f)
-  for _ = 1, 1000 do
-    if f() then return end
-    t.sleep(0.01)
-  end
+  for _ = 1, 1000 do if f() then return end t.sleep(0.01) end
   error("timed out waiting for " .. what, 2)
 end
 
