@@ -3,9 +3,8 @@
 One exchange per connection; what a path does is in the table below;
 anything else gets 200 and the request as received, Host line left out."""
 import re, socketserver
-from collections import Counter
 
-hits = Counter()
+hits = {}
 
 
 def response(code, body=b"", extra=""):
@@ -18,21 +17,18 @@ class Handler(socketserver.BaseRequestHandler):
             data += self.request.recv(65536) or b"\r\n\r\n"
         length = re.search(rb"\r\ncontent-length: *(\d+)", data, re.I)
         while length and len(data.partition(b"\r\n\r\n")[2]) < int(length.group(1)):
-            chunk = self.request.recv(1 << 20)
-            if not chunk:
-                break
-            data += chunk
+            data += self.request.recv(1 << 20) or b"\0" * int(length.group(1))  # closed: stop
         return re.sub(rb"\r\nHost: [^\r]*", b"", data, 1)
 
     def handle(self):
         raw = self.read()
-        target = "/tls" if raw[:1] == b"\x16" else raw.split(b" ")[1].decode()
+        target = "/garbage" if raw[:1] == b"\x16" else raw.split(b" ")[1].decode()
         path, _, query = target.partition("?")
-        hits[path] += 1
+        hits[path] = hits.get(path, 0) + 1
         what, n = (path.split("/") + ["", "0"])[1:3]
         code = int(query[5:] or 302) if what == "redirect" else 302
         answer = {
-            "hits": lambda: response(200, b"%d" % hits["/" + path[6:]]),
+            "hits": lambda: response(200, b"%d" % hits.get("/" + path[6:], 0)),
             "status": lambda: response(int(n), b"status " + n.encode()),
             "redirect": lambda: response(code, extra="Location: /redirect/%d?code=%d\r\n" % (int(n) - 1, code))
             if int(n) else response(200, raw),
@@ -42,7 +38,6 @@ class Handler(socketserver.BaseRequestHandler):
             "hang": lambda: b"",
             "stall": lambda: b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789",
             "garbage": lambda: b"this is not http\r\n\r\n",
-            "tls": lambda: b"HTTP/1.1 400 Not TLS\r\n\r\n",
         }.get(what.replace("cut", "stall"), lambda: response(200, raw))()
         self.request.sendall(answer)
         if what in ("hang", "stall"):

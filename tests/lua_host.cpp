@@ -1,9 +1,6 @@
-// A Lua interpreter for the builds that cannot run the tests in Debian's
-// luajit: sanitizer builds, with the bmsg module built in (an instrumented
-// library cannot be loaded into the uninstrumented luajit), and cross builds,
-// which load bmsg.so through package.cpath as luajit does.
-//   lua_host [script [args...]]    (arg[0] is the script; none: stdin)
-// Exits with 1, after closing the state, when the script raises an error.
+// lua_host [script [args...]]: the Lua of the sanitizer builds (bmsg built in:
+// an instrumented library cannot be loaded into Debian's luajit) and of cross
+// builds (bmsg.so from package.cpath). 1 when the script raises an error.
 #include <lua.hpp>
 
 #include <cstdio>

@@ -1,11 +1,9 @@
--- Messager objects: set and get against what the server holds, the named
--- lists, receive time-outs, and the answers without a connection or object.
+-- Messager objects against what the server holds, and without a server or object.
 local t = require "testlib"
 local bmsg = require "bmsg"
 local m = bmsg.messager.new("", t.port, 1)
 
--- set: whole numbers (and text that reads as one) through the int overload,
--- saturated; other numbers through the float one; anything else as text.
+-- set: whole numbers (also as text) as int, saturated; other numbers as float.
 for _, c in ipairs({ { 3, "3" }, { -7, "-7" }, { 3.25, "3.250000" }, { "0x10", "16" }, { "2.5", "2.500000" },
   { "two words", "two words" }, { "", "" }, { 2 ^ 31 - 2, "2147483646" }, { 1e12, "2147483647" }, { 0 / 0, "nan" },
   { -2 ^ 31 + 1, "-2147483647" }, { -1e12, "-2147483648" }, { 1e12 + 0.5, "999999995904.000000" } }) do
@@ -15,8 +13,7 @@ end
 t.same("empty key", { n = 2, nil, "key is empty" }, m:set("", "v"))
 t.eq(t.redis("EXISTS", ""), "0", "nothing stored under the empty key")
 
--- get: bytes whole, nil alone for a missing key, nil and the server's text
--- for an error reply; the port is narrowed to 16 bits; a socket path wins.
+-- get: bytes whole, nil for a missing key, nil and an error reply's text.
 t.redis("EVAL", "redis.call('SET', 'bin', 'a\\0b') redis.call('LPUSH', 'list', 1)", 0)
 for _, c in ipairs({ { m, "bin", { "a\0b" } }, { m, "missing", { n = 1, nil } }, { m, "list", { n = 2, nil,
   "WRONGTYPE Operation against a key holding the wrong kind of value" } }, { bmsg.messager.new(t.socket, 0, 1),
@@ -24,8 +21,7 @@ for _, c in ipairs({ { m, "bin", { "a\0b" } }, { m, "missing", { n = 1, nil } },
   t.same("get " .. c[2], c[3], c[1]:get(c[2]))
 end
 
--- Each method on its own list: list i gets i values (a send is a format:
--- "%%" is one '%', blanks split); a receive takes the oldest.
+-- Each method on its own list; a send is a format ("%%" is '%', blanks split).
 local lists = { { "DEVICE_CMD", "device_cmd" }, { "BIO_CMD", "bio_cmd" }, { "MAIN_BIOMETRIC_INFO", "bio_info" }, { "BIOMETRIC_RESP", "bio_resp" } }
 for i, l in ipairs(lists) do m[l[2] .. "_send"](m, l[1] .. "%% " .. ("x "):rep(i - 1)) end
 for i, l in ipairs(lists) do
@@ -54,9 +50,8 @@ t.same("recv(1, 6) waits", { "late" }, m:bio_cmd_recv(1, 6))
 t.later(0.5, "LPUSH", "BIO_CMD", "later")
 t.same("recv() waits", { "later" }, m:bio_cmd_recv())
 
--- Without a server: get does not connect again, the others try and give
--- their codes. Every method wants a messager as argument 1 and answers nil
--- and a message once the object was finalised.
+-- Without a server get does not connect again; the others try and give their
+-- codes. A finalised object answers nil and a message.
 local dead = bmsg.messager.new("127.0.0.1", t.dead_port, 1)
 for _, c in ipairs({ { "get", { n = 2, nil, "redis connection is NULL" } }, { "set", { "v" } },
   { "bio_cmd_size", { -1 } }, { "bio_cmd_recv", { n = 1, nil } }, { "bio_cmd_send", { n = 0 } } }) do

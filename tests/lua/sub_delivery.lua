@@ -1,5 +1,4 @@
--- Subscriptions: delivery on check, handle lifetimes, reports, and the
--- server killed under live subscriptions.
+-- Subscriptions: delivery on check, handles, reports, the server killed.
 local t = require "testlib"
 local bmsg = require "bmsg"
 local m = bmsg.messager.new("", t.port, 1)
@@ -36,8 +35,7 @@ t.sleep(0.3)
 t.eq(#got, 0, "nothing before check")
 t.eq(delivered(30, h), table.concat(want, "|"), "in order, each once")
 
--- "exit" is delivered and ends the subscription; a subscription outlives its
--- messager and its channel string; system_publish goes to SYSTEM_STATUS.
+-- "exit" ends a subscription, which outlives its messager and channel string.
 local he = subscribe("quit")
 m:publish("quit", "exit")
 t.wait_until("exit", function() return subscribers("quit") == 0 end)
@@ -68,8 +66,7 @@ t.eq(out, "Lua callback error: boom\nLua callback error: (error object is not a 
   .. "Connection error: Connection refused\n", "report texts")
 t.eq(err:gsub("%d+", ""), ("bMSG ERROR messager_check[]:"):rep(2) .. "bMSG ERROR operator()[]:", "report prefixes")
 
--- The server killed: what was queued is still delivered, the thread ends,
--- the methods answer their failures.
+-- The server killed: what was queued is still delivered, the thread ends.
 local hk = subscribe("fault")
 m:publish("fault", "queued")
 t.sleep(0.3)

@@ -1,5 +1,4 @@
--- Helpers of the Lua test scripts: the private server lua_runner started,
--- checks, redis-cli on the server's socket, waits.
+-- Helpers of the Lua test scripts: the server, checks, redis-cli, waits.
 local ffi = require "ffi"
 ffi.cdef "int usleep(unsigned); int open(const char*, int, int); int dup(int); int dup2(int, int);"
 local t = { port = tonumber(os.getenv("BMSG_TEST_PORT")), socket = os.getenv("BMSG_TEST_SOCKET"),
@@ -26,8 +25,7 @@ end
 -- One command; its output without the final newline.
 function t.redis(...) return (assert(io.popen(cli(...))):read("*a"):gsub("\n$", "")) end
 
--- In the background: a command after `delay` seconds; "wake" published until
--- nobody listens, for unsubscribe, which waits for one more message.
+-- In the background: a command after `delay` s; "wake" until unsubscribe, which waits for one.
 function t.later(delay, ...) os.execute(("(sleep %s; %s) >/dev/null &"):format(delay, cli(...))) end
 function t.unsubscribe_live(m, handle, channel)
   os.execute(("for i in $(seq 300); do [ \"$(%s)\" = 0 ] && break; sleep 0.1; done >/dev/null &")
