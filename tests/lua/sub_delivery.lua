@@ -1,86 +1,79 @@
--- Subscriptions deliver on check only, in publication order, up to and
--- including an "exit" payload, and outlive the messager that made them.
+-- Subscriptions: delivery on check, handles, reports, the server killed.
 local t = require "testlib"
 local bmsg = require "bmsg"
 local m = bmsg.messager.new("", t.port, 1)
-
 local got = {}
-local function record(channel, payload)
-  got[#got + 1] = channel .. "=" .. payload
+local function record(channel, payload) got[#got + 1] = channel .. "=" .. payload end
+local function subscribers(channel) return tonumber(t.redis("PUBSUB", "NUMSUB", channel):match("%d+$")) end
+local function subscribe(channel, f, messager)
+  local h = (messager or m):subscribe(channel, f or record)
+  t.wait_until(channel, function() return subscribers(channel) == 1 end)
+  return h
 end
-local function take()
-  local all = table.concat(got, "|")
-  got = {}
+-- Checks the handles until n messages arrived; what they were.
+local function delivered(n, ...)
+  local handles, all = { ... }
+  t.wait_until(n .. " messages", function()
+    for _, h in ipairs(handles) do t.same("check", { n = 0 }, m.check(h)) end
+    return #got >= n
+  end)
+  all, got = table.concat(got, "|"), {}
   return all
 end
 
-local h = m:subscribe("news", record)
-t.eq(type(h), "userdata", "subscribe returns a handle")
-t.eq(getmetatable(h), nil, "the handle has no metatable")
-t.wait_subscribers("news", 1)
-
--- publish passes the text as the format: "%%" is one '%', and a text with
--- blanks becomes extra arguments that the server refuses.
-t.results("publish gives nothing back", { n = 0 }, m:publish("news", "one"))
-m:publish("news", "two%%")
-m:publish("news", "not sent")
-t.redis("PUBLISH", "news", "three with blanks")
-t.redis_with("cut\0here", "PUBLISH", "news")
-t.sleep(0.5)
-t.eq(#got, 0, "nothing is delivered before check")
-t.results("check gives nothing back", { n = 0 }, m.check(h))
-t.eq(take(), "news=one|news=two%|news=three with blanks|news=cut", "one check, in order")
-m.check(h)
-t.eq(take(), "", "a second check delivers nothing new")
-
-for i = 1, 50 do m:publish("news", "n" .. i) end
-t.wait_until("fifty messages", function()
-  m.check(h)
-  return #got == 50
-end)
-for i = 1, 50 do t.eq(got[i], "news=n" .. i, "message " .. i) end
-take()
-
--- system_publish goes to SYSTEM_STATUS.
-local hs = m:subscribe("SYSTEM_STATUS", record)
-t.wait_subscribers("SYSTEM_STATUS", 1)
-m:system_publish("ready")
-t.wait_until("status", function()
-  m.check(hs)
-  return #got > 0
-end)
-t.eq(take(), "SYSTEM_STATUS=ready", "system_publish")
-
--- The subscription keeps running after its messager is collected, and the
--- channel name it was given is its own copy.
-local hl
-do
-  local other = bmsg.messager.new("", t.port, 1)
-  hl = other:subscribe(("late"):rep(2), record)
+for _, method in ipairs({ "check", "unsubscribe" }) do
+  for _, c in ipairs({ { 5, "NULL" }, { m, "invalid" }, { io.stdout, "invalid" } }) do
+    t.same(method .. " of " .. tostring(c[1]), { n = 2, nil, "sub_data is " .. c[2] }, m[method](c[1]))
+  end
 end
-collectgarbage()
-collectgarbage()
-t.wait_subscribers("latelate", 1)
-m:publish("latelate", "still")
-t.wait_until("message after collection", function()
-  m.check(hl)
-  return #got > 0
-end)
-t.eq(take(), "latelate=still", "subscription outlives its messager")
+t.same("callback not a function", { n = 2, nil, "callback is not a function" }, m:subscribe("c", "print"))
 
--- "exit" is delivered and ends the subscription: nothing after it arrives.
-local he = m:subscribe("quit", record)
-t.wait_subscribers("quit", 1)
-m:publish("quit", "a")
+-- Nothing before check, then every message once, in order ("%%" is one '%').
+local h, want = subscribe("news"), {}
+for i = 1, 30 do want[i] = "news=" .. i .. "%" .. (m:publish("news", i .. "%%") or "") end
+t.sleep(0.3)
+t.eq(#got, 0, "nothing before check")
+t.eq(delivered(30, h), table.concat(want, "|"), "in order, each once")
+
+-- "exit" ends a subscription, which outlives its messager and channel string.
+local he = subscribe("quit")
 m:publish("quit", "exit")
-m:publish("quit", "b")
-t.wait_subscribers("quit", 0)
-m:publish("quit", "c")
-m.check(he)
-t.eq(take(), "quit=a|quit=exit", "delivered up to exit")
-t.results("unsubscribe of an ended subscription", { true }, m.unsubscribe(he))
+t.wait_until("exit", function() return subscribers("quit") == 0 end)
+m:publish("quit", "after exit")
+local hl = subscribe(("late"):rep(2), nil, bmsg.messager.new("", t.port, 1))
+collectgarbage()
+m:publish("latelate", "still")
+local hs = subscribe("SYSTEM_STATUS")
+m:system_publish("ready")
+t.eq(delivered(3, he, hl, hs), "quit=exit|latelate=still|SYSTEM_STATUS=ready", "three subscriptions")
+t.same("unsubscribe of an ended subscription", { true }, m.unsubscribe(he))
 
-t.results("unsubscribe news", { true }, t.unsubscribe_live(m, h, "news"))
-t.results("unsubscribe status", { true }, t.unsubscribe_live(m, hs, "SYSTEM_STATUS"))
-t.results("unsubscribe late", { true }, t.unsubscribe_live(m, hl, "latelate"))
-t.eq(take(), "", "messages queued at unsubscribe are dropped")
+-- unsubscribe drops what was queued and leaves a stale handle.
+m:publish("news", "dropped")
+t.same("unsubscribe", { true }, t.unsubscribe_live(m, h, "news"))
+for _, f in ipairs({ m.check, m.unsubscribe }) do t.same("stale handle", { n = 2, nil, "sub_data is invalid" }, f(h)) end
+
+-- Reports: failing callbacks (the next message is still delivered), and a
+-- subscription thread that cannot connect (it delivers nothing and ends).
+local herr = subscribe("errs", function(_, p) record("errs", p == "ok" and p or error(p == "boom" and p or {}, 0)) end)
+local dead = bmsg.messager.new("127.0.0.1", t.dead_port, 1)
+local out, err = t.output_of(function()
+  for _, p in ipairs({ "boom", "table", "ok" }) do m:publish("errs", p) end
+  t.eq(delivered(1, herr), "errs=ok", "delivered after failing callbacks")
+  t.same("unsubscribe without a connection", { true }, m.unsubscribe(dead:subscribe("errs", record)))
+end)
+t.eq(out, "Lua callback error: boom\nLua callback error: (error object is not a string)\n"
+  .. "Connection error: Connection refused\n", "report texts")
+t.eq(err:gsub("%d+", ""), ("bMSG ERROR messager_check[]:"):rep(2) .. "bMSG ERROR operator()[]:", "report prefixes")
+
+-- The server killed: what was queued is still delivered, the thread ends.
+local hk = subscribe("fault")
+m:publish("fault", "queued")
+t.sleep(0.3)
+os.execute("kill -9 " .. t.redis_pid)
+t.eq(delivered(1, hk), "fault=queued", "queued before the kill")
+t.same("unsubscribe after the kill", { true }, m.unsubscribe(hk))
+for _, c in ipairs({ { "get", { n = 2, nil, "redis reply is NULL" } }, { "bio_cmd_size", { -3 } },
+  { "bio_cmd_clear", { -3 } }, { "bio_cmd_recv", { n = 1, nil } }, { "set", { "v" } } }) do
+  t.same(c[1] .. " after the kill", c[2], m[c[1]](m, "k", "v"))
+end
