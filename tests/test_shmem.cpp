@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 using bMSG::SharedMemory;
@@ -18,6 +17,8 @@ using bmsg_test::spawn_role;
 using bmsg_test::thrown_by;
 
 namespace {
+
+const std::string none = "(nothing thrown)";
 
 std::string unique_name(const char* tag)
 {
@@ -29,7 +30,7 @@ bool exists(const std::string& name)
     return SharedMemory(name, 0, false).addr != nullptr;
 }
 
-std::string read_text(SharedMemory& seg, size_t len, size_t offset = 0)
+std::string text(SharedMemory& seg, size_t len, size_t offset = 0)
 {
     std::string s(len, '\0');
     seg.read(&s[0], len, offset);
@@ -50,12 +51,12 @@ bool said(const Child& c, const char* word)
 
 } // namespace
 
-// name: opens the segment without creating it, checks the creator's text,
-// answers at payload offset 95 and returns (its destructor runs).
+// name: opens the creator's segment, checks its "hello", answers "reply" at
+// payload offset 95, closes twice and returns.
 BMSG_ROLE(peer)
 {
     SharedMemory peer(args.at(0), 100, false);
-    if (!peer.addr || peer.owner || read_text(peer, 5) != "hello")
+    if (!peer.addr || peer.owner || text(peer, 5) != "hello")
         return 1;
     peer.write("reply", 5, 95);
     peer.close();
@@ -63,8 +64,8 @@ BMSG_ROLE(peer)
     return 0;
 }
 
-// name: creates the segment, writes "mine", says "made" and returns once
-// the file named second exists.
+// name, file: creates the segment with "mine", says "made" and returns once
+// the file exists.
 BMSG_ROLE(creator)
 {
     SharedMemory seg(args.at(0), 8, true);
@@ -89,60 +90,48 @@ BMSG_ROLE(hold_lock)
 
 TEST(SharedMemory, OnlyTheCreatorUnlinksAcrossProcesses)
 {
-    const std::string name = unique_name("owner");
+    const std::string name = unique_name("owner"), go = "/tmp" + unique_name("go");
     {
         SharedMemory seg(name, 100, true);
-        ASSERT_NE(seg.addr, nullptr);
-        EXPECT_EQ(seg.size, 148u);
-        EXPECT_EQ(static_cast<void*>(seg.mutex), seg.addr);
+        ASSERT_TRUE(seg.addr && seg.size == 148 && static_cast<void*>(seg.mutex) == seg.addr);
         seg.write("hello", 5, 0);
         Child peer = spawn_role("peer", {name});
         ASSERT_EQ(peer.wait(), 0) << peer.err();
-        EXPECT_EQ(read_text(seg, 5, 95), "reply");
-        EXPECT_EQ(memcmp(static_cast<char*>(seg.addr) + 48, "hello", 5), 0);
+        EXPECT_EQ(text(seg, 5, 95), "reply");
+        EXPECT_EQ(std::string(static_cast<char*>(seg.addr) + 48, 5), "hello");
         EXPECT_TRUE(exists(name)) << "a process that did not create it left the name";
     }
     EXPECT_FALSE(exists(name)) << "the creator's destructor unlinks";
-
-    const std::string go = "/tmp" + unique_name("go");
     Child creator = spawn_role("creator", {name, go});
     ASSERT_TRUE(said(creator, "made")) << creator.err();
     {
         SharedMemory other(name, 8, false);
-        ASSERT_NE(other.addr, nullptr);
-        EXPECT_FALSE(other.owner);
-        EXPECT_EQ(read_text(other, 4), "mine");
+        ASSERT_TRUE(other.addr && !other.owner);
+        EXPECT_EQ(text(other, 4), "mine");
     }
     EXPECT_TRUE(exists(name)) << "our close must not unlink the creator's segment";
     fclose(fopen(go.c_str(), "w"));
     EXPECT_EQ(creator.wait(), 0);
     unlink(go.c_str());
-    EXPECT_FALSE(exists(name)) << "the exiting creator unlinks";
+    EXPECT_FALSE(exists(name)) << "the creator unlinks as it returns";
 }
 
-TEST(SharedMemory, CopiesWaitForTheLockHeldByAnotherProcess)
+TEST(SharedMemory, CopiesWaitForTheLockOfAnotherProcessAndTakeOverADeadOwners)
 {
     const std::string name = unique_name("lock");
     SharedMemory seg(name, 8, true);
     Child holder = spawn_role("hold_lock", {name, "300"});
     ASSERT_TRUE(said(holder, "locked")) << holder.err();
-    EXPECT_EQ(read_text(seg, 1), "B") << "a reader that did not wait sees the old byte";
+    EXPECT_EQ(text(seg, 1), "B") << "a reader that did not wait sees the old byte";
     EXPECT_EQ(holder.wait(), 0);
-}
-
-TEST(SharedMemory, LockHeldByAKilledProcessIsTakenOver)
-{
     if (!bmsg_test::robust_futexes())
         GTEST_SKIP() << "this platform has no robust futexes (get_robust_list: ENOSYS)";
-    const std::string name = unique_name("robust");
-    SharedMemory seg(name, 8, true);
-    Child holder = spawn_role("hold_lock", {name, "100000"});
-    ASSERT_TRUE(said(holder, "locked"));
-    holder.kill(SIGKILL);
-    EXPECT_EQ(holder.wait(), 128 + SIGKILL);
-    EXPECT_EQ(thrown_by([&] { seg.write("ok", 2, 0); }), "(nothing thrown)");
-    EXPECT_EQ(thrown_by([&] { EXPECT_EQ(read_text(seg, 2), "ok"); }), "(nothing thrown)")
-        << "the lock was made consistent again";
+    Child dying = spawn_role("hold_lock", {name, "100000"});
+    ASSERT_TRUE(said(dying, "locked"));
+    dying.kill(SIGKILL);
+    EXPECT_EQ(dying.wait(), 128 + SIGKILL);
+    EXPECT_EQ(thrown_by([&] { seg.write("ok", 2, 0); }), none);
+    EXPECT_EQ(thrown_by([&] { EXPECT_EQ(text(seg, 2), "ok"); }), none) << "made consistent again";
 }
 
 TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)
@@ -150,59 +139,49 @@ TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)
     SharedMemory seg(unique_name("bounds"), 100, true);
     const std::string over = "Data size exceeds shared memory size: " + seg.name + " ";
     const std::string under = "Read size exceeds shared memory size";
-    const std::string none = "(nothing thrown)";
-    struct Row {
-        bool write;
-        size_t len, offset;
-        std::string thrown;
-    } rows[] = {
-        {true, 120, 0, over + "120+0>148-48"}, {true, 1, 100, over + "1+100>148-48"},
-        {true, 2, SIZE_MAX, over + "2+" + std::to_string(SIZE_MAX) + ">148-48"},
-        {false, 101, 0, under}, {false, 2, SIZE_MAX, under}, {false, 1, 100, under},
-        {true, 0, 100, none}, {false, 0, 100, none}, {true, 100, 0, none},
-        {false, 100, 0, none}, {true, 1, 99, none}, {false, 1, 99, none},
-    };
+    const std::string max = std::to_string(SIZE_MAX);
+    const struct { size_t len, offset; std::string write, read; } rows[] = {
+        {101, 0, over + "101+0>148-48", under}, {1, 100, over + "1+100>148-48", under},
+        {2, SIZE_MAX, over + "2+" + max + ">148-48", under}, {SIZE_MAX, 1, over + max + "+1>148-48", under},
+        {0, 100, none, none}, {100, 0, none, none}, {1, 99, none, none}};
     char buf[200] = {};
-    for (const Row& r : rows)
-        EXPECT_EQ(thrown_by([&] { r.write ? seg.write(buf, r.len, r.offset)
-                                          : seg.read(buf, r.len, r.offset); }),
-                  r.thrown)
-            << (r.write ? "write " : "read ") << r.len << "+" << r.offset;
-    // Nothing was copied by a refused write.
+    for (const auto& r : rows) {
+        bool called = false;
+        const auto use = [&](const unsigned char*) { called = true; };
+        const auto fill = [&](unsigned char*) { called = true; };
+        EXPECT_EQ(thrown_by([&] { seg.write(buf, r.len, r.offset); }), r.write) << r.len << "+" << r.offset;
+        EXPECT_EQ(thrown_by([&] { seg.write(r.len, r.offset, fill); }), r.write) << r.len << "+" << r.offset;
+        EXPECT_EQ(thrown_by([&] { seg.read(buf, r.len, r.offset); }), r.read) << r.len << "+" << r.offset;
+        EXPECT_EQ(thrown_by([&] { seg.read(r.len, r.offset, use); }), r.read) << r.len << "+" << r.offset;
+        EXPECT_EQ(called, r.read == none);
+    }
     seg.write("x", 1, 99);
     EXPECT_NE(thrown_by([&] { seg.write("yy", 2, 99); }), none);
-    EXPECT_EQ(read_text(seg, 1, 99), "x");
+    EXPECT_EQ(text(seg, 1, 99), "x") << "a refused write copies nothing";
 }
 
-TEST(SharedMemory, OpenFailuresLeaveAnInvalidObjectQuietly)
+TEST(SharedMemory, OpenFailuresAreQuietCreateFailuresThrowAndLeaveNoName)
 {
-    const std::string name = unique_name("missing");
+    const std::string name = unique_name("open"), huge = unique_name("huge");
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     SharedMemory missing(name, 10, false);
     EXPECT_TRUE(!missing.addr && missing.fd == -1 && !missing.mutex && !missing.owner);
     SharedMemory small(name, 10, true);
-    // A segment shorter than asked for counts as missing (no SIGBUS).
-    SharedMemory bigger(name, 4096, false);
+    SharedMemory bigger(name, 4096, false);  // shorter than asked: missing, no SIGBUS later
     EXPECT_TRUE(!bigger.addr && bigger.fd == -1);
-    SharedMemory fitting(name, 10, false);
-    EXPECT_NE(fitting.addr, nullptr);
-    SharedMemory exact(name, 0, false);
-    EXPECT_NE(exact.addr, nullptr);
+    EXPECT_TRUE(SharedMemory(name, 10, false).addr && SharedMemory(name, 0, false).addr);
     fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
-}
 
-TEST(SharedMemory, CreateFailuresThrowAndLeaveNoName)
-{
     testing::internal::CaptureStderr();
     EXPECT_EQ(thrown_by([] { SharedMemory bad("/no/such/dir", 8, true); }),
               "Failed to create shared memory: /no/such/dir");
     EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("shm_open: ", 0), 0u);
-    const std::string huge = unique_name("huge");
-    EXPECT_EQ(thrown_by([&] { SharedMemory h(huge, SIZE_MAX, true); }),
-              "Failed to set size of shared memory");
+    EXPECT_EQ(thrown_by([&] { SharedMemory h(huge, SIZE_MAX, true); }), "Failed to set size of shared memory");
     EXPECT_FALSE(exists(huge)) << "the failed creation removed the name";
+    EXPECT_EQ(thrown_by([] { SharedMemory::restrict_mode("/no/such/dir", 0600); }),
+              "Failed to set mode of shared memory: /no/such/dir");
 }
 
 TEST(SharedMemory, RecreatingResizesTheSameObjectAndCloseIsIdempotent)
@@ -215,14 +194,13 @@ TEST(SharedMemory, RecreatingResizesTheSameObjectAndCloseIsIdempotent)
         struct stat st;
         ASSERT_EQ(fstat(second.fd, &st), 0);
         EXPECT_EQ(st.st_size, 1048);
-        EXPECT_EQ(read_text(second, 3), "abc") << "the same object, resized";
+        EXPECT_EQ(text(second, 3), "abc") << "the same object, resized";
         second.close();
         second.close();
-        EXPECT_TRUE(second.addr == nullptr && second.fd == -1 && second.mutex == nullptr);
+        EXPECT_TRUE(!second.addr && second.fd == -1 && !second.mutex);
         EXPECT_FALSE(exists(name)) << "closing an owner unlinked the name";
     }
     SharedMemory empty(unique_name("zero"), 0, true);
     EXPECT_EQ(empty.size, 48u);
-    char c;
-    EXPECT_NE(thrown_by([&] { empty.write(&c, 1, 0); }), "(nothing thrown)");
+    EXPECT_NE(thrown_by([&] { empty.write("c", 1, 0); }), none);
 }
