@@ -8,26 +8,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <string>
-
 using bMSG::SharedMemory;
-using bmsg_test::Child;
-using bmsg_test::spawn_role;
 using bmsg_test::thrown_by;
 
 namespace {
 
 const std::string none = "(nothing thrown)";
-
-std::string unique_name(const char* tag)
+std::string unique_name(const char* tag) { return "/bmsg_test_" + std::string(tag) + std::to_string(getpid()); }
+bool exists(const std::string& name) { return SharedMemory(name, 0, false).addr != nullptr; }
+bool said(const bmsg_test::Child& c, const char* word)
 {
-    return std::string("/bmsg_test_") + tag + "_" + std::to_string(getpid());
-}
-
-bool exists(const std::string& name)
-{
-    return SharedMemory(name, 0, false).addr != nullptr;
+    return bmsg_test::wait_until([&] { return c.out().find(word) != std::string::npos; });
 }
 
 std::string text(SharedMemory& seg, size_t len, size_t offset = 0)
@@ -37,32 +28,7 @@ std::string text(SharedMemory& seg, size_t len, size_t offset = 0)
     return s;
 }
 
-// Says `word` on stdout at once, so that the test can wait for it.
-void say(const char* word)
-{
-    puts(word);
-    fflush(stdout);
-}
-
-bool said(const Child& c, const char* word)
-{
-    return bmsg_test::wait_until([&] { return c.out().find(word) != std::string::npos; });
-}
-
 } // namespace
-
-// name: opens the creator's segment, checks its "hello", answers "reply" at
-// payload offset 95, closes twice and returns.
-BMSG_ROLE(peer)
-{
-    SharedMemory peer(args.at(0), 100, false);
-    if (!peer.addr || peer.owner || text(peer, 5) != "hello")
-        return 1;
-    peer.write("reply", 5, 95);
-    peer.close();
-    peer.close();
-    return 0;
-}
 
 // name, file: creates the segment with "mine", says "made" and returns once
 // the file exists.
@@ -70,39 +36,43 @@ BMSG_ROLE(creator)
 {
     SharedMemory seg(args.at(0), 8, true);
     seg.write("mine", 4, 0);
-    say("made");
+    printf("made\n");
+    fflush(stdout);
     return bmsg_test::wait_until([&] { return access(args.at(1).c_str(), F_OK) == 0; }) ? 0 : 1;
 }
 
-// name, ms: takes the segment lock, says "locked", then after ms writes 'B'
-// to payload byte 0 behind the class's back and unlocks.
+// name, ms: opens the segment, takes its lock, says "locked", then after ms
+// writes 'B' to payload byte 0 behind the class's back, unlocks and returns.
 BMSG_ROLE(hold_lock)
 {
     SharedMemory peer(args.at(0), 8, false);
-    if (!peer.addr || pthread_mutex_lock(peer.mutex) != 0)
+    if (!peer.addr || peer.owner || pthread_mutex_lock(peer.mutex) != 0)
         return 1;
-    say("locked");
+    printf("locked\n");
+    fflush(stdout);
     usleep(std::stoi(args.at(1)) * 1000);
     static_cast<char*>(peer.addr)[SharedMemory::header_size] = 'B';
     pthread_mutex_unlock(peer.mutex);
+    peer.close();
     return 0;
 }
 
-TEST(SharedMemory, OnlyTheCreatorUnlinksAcrossProcesses)
+TEST(SharedMemory, OnlyTheCreatorUnlinksAcrossProcessesAndCopiesWaitForTheLock)
 {
     const std::string name = unique_name("owner"), go = "/tmp" + unique_name("go");
     {
         SharedMemory seg(name, 100, true);
         ASSERT_TRUE(seg.addr && seg.size == 148 && static_cast<void*>(seg.mutex) == seg.addr);
         seg.write("hello", 5, 0);
-        Child peer = spawn_role("peer", {name});
-        ASSERT_EQ(peer.wait(), 0) << peer.err();
-        EXPECT_EQ(text(seg, 5, 95), "reply");
         EXPECT_EQ(std::string(static_cast<char*>(seg.addr) + 48, 5), "hello");
+        bmsg_test::Child holder = bmsg_test::spawn_role("hold_lock", {name, "300"});
+        ASSERT_TRUE(said(holder, "locked")) << holder.err();
+        EXPECT_EQ(text(seg, 5), "Bello") << "a reader that did not wait sees the old byte";
+        EXPECT_EQ(holder.wait(), 0) << holder.err();
         EXPECT_TRUE(exists(name)) << "a process that did not create it left the name";
     }
     EXPECT_FALSE(exists(name)) << "the creator's destructor unlinks";
-    Child creator = spawn_role("creator", {name, go});
+    bmsg_test::Child creator = bmsg_test::spawn_role("creator", {name, go});
     ASSERT_TRUE(said(creator, "made")) << creator.err();
     {
         SharedMemory other(name, 8, false);
@@ -116,17 +86,12 @@ TEST(SharedMemory, OnlyTheCreatorUnlinksAcrossProcesses)
     EXPECT_FALSE(exists(name)) << "the creator unlinks as it returns";
 }
 
-TEST(SharedMemory, CopiesWaitForTheLockOfAnotherProcessAndTakeOverADeadOwners)
+TEST(SharedMemory, LockHeldByAKilledProcessIsTakenOver)
 {
-    const std::string name = unique_name("lock");
-    SharedMemory seg(name, 8, true);
-    Child holder = spawn_role("hold_lock", {name, "300"});
-    ASSERT_TRUE(said(holder, "locked")) << holder.err();
-    EXPECT_EQ(text(seg, 1), "B") << "a reader that did not wait sees the old byte";
-    EXPECT_EQ(holder.wait(), 0);
     if (!bmsg_test::robust_futexes())
         GTEST_SKIP() << "this platform has no robust futexes (get_robust_list: ENOSYS)";
-    Child dying = spawn_role("hold_lock", {name, "100000"});
+    SharedMemory seg(unique_name("robust"), 8, true);
+    bmsg_test::Child dying = bmsg_test::spawn_role("hold_lock", {seg.name, "100000"});
     ASSERT_TRUE(said(dying, "locked"));
     dying.kill(SIGKILL);
     EXPECT_EQ(dying.wait(), 128 + SIGKILL);
@@ -138,42 +103,48 @@ TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)
 {
     SharedMemory seg(unique_name("bounds"), 100, true);
     const std::string over = "Data size exceeds shared memory size: " + seg.name + " ";
-    const std::string under = "Read size exceeds shared memory size";
-    const std::string max = std::to_string(SIZE_MAX);
+    const std::string under = "Read size exceeds shared memory size", max = std::to_string(SIZE_MAX);
     const struct { size_t len, offset; std::string write, read; } rows[] = {
         {101, 0, over + "101+0>148-48", under}, {1, 100, over + "1+100>148-48", under},
         {2, SIZE_MAX, over + "2+" + max + ">148-48", under}, {SIZE_MAX, 1, over + max + "+1>148-48", under},
         {0, 100, none, none}, {100, 0, none, none}, {1, 99, none, none}};
     char buf[200] = {};
     for (const auto& r : rows) {
-        bool called = false;
-        const auto use = [&](const unsigned char*) { called = true; };
-        const auto fill = [&](unsigned char*) { called = true; };
+        int called = 0;
         EXPECT_EQ(thrown_by([&] { seg.write(buf, r.len, r.offset); }), r.write) << r.len << "+" << r.offset;
-        EXPECT_EQ(thrown_by([&] { seg.write(r.len, r.offset, fill); }), r.write) << r.len << "+" << r.offset;
+        EXPECT_EQ(thrown_by([&] { seg.write(r.len, r.offset, [&](unsigned char*) { ++called; }); }), r.write);
         EXPECT_EQ(thrown_by([&] { seg.read(buf, r.len, r.offset); }), r.read) << r.len << "+" << r.offset;
-        EXPECT_EQ(thrown_by([&] { seg.read(r.len, r.offset, use); }), r.read) << r.len << "+" << r.offset;
-        EXPECT_EQ(called, r.read == none);
+        EXPECT_EQ(thrown_by([&] { seg.read(r.len, r.offset, [&](const unsigned char*) { ++called; }); }), r.read);
+        EXPECT_EQ(called, r.read == none ? 2 : 0);
     }
     seg.write("x", 1, 99);
     EXPECT_NE(thrown_by([&] { seg.write("yy", 2, 99); }), none);
     EXPECT_EQ(text(seg, 1, 99), "x") << "a refused write copies nothing";
 }
 
-TEST(SharedMemory, OpenFailuresAreQuietCreateFailuresThrowAndLeaveNoName)
+TEST(SharedMemory, OpenFailsQuietlyCreateThrowsRecreateResizesCloseTwice)
 {
     const std::string name = unique_name("open"), huge = unique_name("huge");
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     SharedMemory missing(name, 10, false);
     EXPECT_TRUE(!missing.addr && missing.fd == -1 && !missing.mutex && !missing.owner);
-    SharedMemory small(name, 10, true);
+    SharedMemory first(name, 10, true);
+    first.write("abc", 3, 0);
     SharedMemory bigger(name, 4096, false);  // shorter than asked: missing, no SIGBUS later
     EXPECT_TRUE(!bigger.addr && bigger.fd == -1);
     EXPECT_TRUE(SharedMemory(name, 10, false).addr && SharedMemory(name, 0, false).addr);
     fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
-
+    {
+        SharedMemory second(name, 1000, true);
+        struct stat st;
+        EXPECT_TRUE(fstat(second.fd, &st) == 0 && st.st_size == 1048);
+        EXPECT_EQ(text(second, 3), "abc") << "the same object, resized";
+        second.close();
+        second.close();
+        EXPECT_TRUE(!second.addr && second.fd == -1 && !second.mutex && !exists(name));
+    }
     testing::internal::CaptureStderr();
     EXPECT_EQ(thrown_by([] { SharedMemory bad("/no/such/dir", 8, true); }),
               "Failed to create shared memory: /no/such/dir");
@@ -182,25 +153,6 @@ TEST(SharedMemory, OpenFailuresAreQuietCreateFailuresThrowAndLeaveNoName)
     EXPECT_FALSE(exists(huge)) << "the failed creation removed the name";
     EXPECT_EQ(thrown_by([] { SharedMemory::restrict_mode("/no/such/dir", 0600); }),
               "Failed to set mode of shared memory: /no/such/dir");
-}
-
-TEST(SharedMemory, RecreatingResizesTheSameObjectAndCloseIsIdempotent)
-{
-    const std::string name = unique_name("recreate");
-    SharedMemory first(name, 10, true);
-    first.write("abc", 3, 0);
-    {
-        SharedMemory second(name, 1000, true);
-        struct stat st;
-        ASSERT_EQ(fstat(second.fd, &st), 0);
-        EXPECT_EQ(st.st_size, 1048);
-        EXPECT_EQ(text(second, 3), "abc") << "the same object, resized";
-        second.close();
-        second.close();
-        EXPECT_TRUE(!second.addr && second.fd == -1 && !second.mutex);
-        EXPECT_FALSE(exists(name)) << "closing an owner unlinked the name";
-    }
     SharedMemory empty(unique_name("zero"), 0, true);
-    EXPECT_EQ(empty.size, 48u);
-    EXPECT_NE(thrown_by([&] { empty.write("c", 1, 0); }), none);
+    EXPECT_TRUE(empty.size == 48 && thrown_by([&] { empty.write("c", 1, 0); }) != none);
 }
