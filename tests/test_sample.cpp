@@ -172,7 +172,7 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
     const int cut = static_cast<int>(s.size());
     const std::string failed = "load image failed", invalid = "shared memory is invalid", tight = "buffer size too small: " + std::to_string(cut);
     const struct { std::string m, pushed; int len; std::string recv, any; int view; } rows[] = {
-        {g, std::string(32, 'Z'), 64, failed, failed, -6}, {g, "short", 64, failed, failed, -6},
+        {g, std::string(32, 'Z'), 64, failed, failed, -6}, {g, h8 + "x", 64, failed, failed, -6},
         {g, "", 64, failed, "bad data type", -6},           {o, h64, 64, invalid, invalid, -9},
         {s, h64, 64, invalid, invalid, -9},                 {s, h8, cut, tight, tight, -5},
         {s, h8, 64, "", "", 1},                             {g, "(nothing)", 64, "", "", 0}};
