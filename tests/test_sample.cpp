@@ -1,6 +1,9 @@
+// Biometric samples (image header, sample operations, across processes and
+// under load), Subscription and the opt-in reconnect.
 #include "bimage.h"
 #include "bmessager.h"
 #include "bshmem.h"
+#include "bsubscription.h"
 #include "child.h"
 #include "redis_server.h"
 
@@ -8,736 +11,382 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
+#include <mutex>
 
 using BImage::Image;
-using bmsg_test::Captured;
-using bmsg_test::Child;
 using bmsg_test::RedisServer;
-using bmsg_test::spawn_role;
 using bmsg_test::redis_raw;
-using bmsg_test::thrown_by;
-
-namespace {
-
 using ImagePtr = std::unique_ptr<Image>;
 
-std::string unique_modality(const char* tag)
-{
-    return std::string(tag) + "_" + std::to_string(getpid());
-}
-
-std::string list_key(const std::string& modality)
-{
-    return "BIOMETRIC_SAMPLE_" + modality;
-}
-
-bool segment_exists(const std::string& modality)
-{
-    bMSG::SharedMemory probe("/" + list_key(modality), 0, false);
-    return probe.addr != nullptr;
-}
-
-long list_length(const RedisServer& server, const std::string& modality)
-{
-    return std::stol(redis_raw(server, "LLEN %s", list_key(modality).c_str()));
-}
-
-// A byte pattern that differs between seeds at almost every position.
-unsigned char pattern(uint32_t seed, uint32_t i)
-{
-    return static_cast<unsigned char>((seed * 2654435761u + i * 40503u) >> 13);
-}
-
-void fill(Image& image, uint32_t seed)
-{
-    for (int i = 0; i < image.count(); ++i)
-        image.data[i] = pattern(seed, static_cast<uint32_t>(i));
-}
-
-bool filled_with(const Image& image, uint32_t seed)
-{
-    for (int i = 0; i < image.count(); ++i)
-        if (image.data[i] != pattern(seed, static_cast<uint32_t>(i)))
-            return false;
-    return true;
-}
-
-// Runs op on a fresh Messager in a child with its output caught. Exit code 0
-// when op returned null, 1 when it returned an image.
-Captured in_child(const RedisServer& server, const std::function<Image*(bMSG::Messager&)>& op)
-{
-    return bmsg_test::run_captured([&] {
-        int rc;
-        {
-            bMSG::Messager bus(server.socket().c_str(), 0, 3);
-            ImagePtr image(op(bus));
-            rc = image ? 1 : 0;
-        }
-        return rc;
-    });
-}
-
-// One error report of func with message, and nothing else.
-void expect_report(const Captured& c, const char* func, const std::string& message)
-{
-    EXPECT_EQ(c.status, 0) << "a null result was expected";
-    ASSERT_FALSE(c.err.empty());
-    EXPECT_EQ(c.err.rfind(std::string("bMSG ERROR ") + func + "[", 0), 0u) << c.err;
-    EXPECT_EQ(c.err.back(), ':') << c.err;
-    EXPECT_EQ(c.err.find('\n'), std::string::npos) << c.err;
-    EXPECT_EQ(c.out, message + "\n");
-}
-
-void expect_silent_null(const Captured& c)
-{
-    EXPECT_EQ(c.status, 0) << "a null result was expected";
-    EXPECT_EQ(c.err, "");
-    EXPECT_EQ(c.out, "");
-}
-
-// Pushes raw bytes as one descriptor, as a foreign peer could.
-void push_raw(const RedisServer& server, const std::string& modality, const void* bytes, size_t n)
-{
-    redis_raw(server, "LPUSH %s %b", list_key(modality).c_str(), bytes, n);
-}
-
-} // namespace
-
-BMSG_ROLE(receive_two)
-{
-    const std::string small = args.at(1), large = args.at(2);
-    bMSG::Messager bus("127.0.0.1", static_cast<uint16_t>(std::stoi(args.at(0))), 3);
-    char out[64] = {};
-    // The sender pushes the large image first, so both are there once
-    // the small one arrives.
-    ImagePtr a(bus.bio_sample_recv({small.c_str()}, 20, out, sizeof out));
-    if (!a)
-        return 1;
-    if (out != small || a->width != 640 || a->height != 480 || a->format != BImage::GRAY8 ||
-        !filled_with(*a, 1))
-        return 2;
-
-    ImagePtr b(bus.bio_sample_read(large.c_str()));
-    ImagePtr b2(bus.bio_sample_read(large.c_str()));
-    if (!b || !b2 || bus.list_size(list_key(large).c_str()) != 1)
-        return 3;
-    if (b->width != 1920 || b->height != 1080 || b->format != BImage::RGB24 ||
-        b->count() != 1920 * 1080 * 3 || !filled_with(*b, 2) || !filled_with(*b2, 2))
-        return 4;
-
-    const std::string none = unique_modality("NONE");
-    char name[64] = "untouched";
-    ImagePtr c(bus.bio_sample_read({none.c_str(), large.c_str()}, name, sizeof name));
-    if (!c || name != large || !filled_with(*c, 2))
-        return 5;
-    ImagePtr d(bus.bio_sample_recv({large.c_str()}, 5, out, sizeof out));
-    if (!d || out != large || !filled_with(*d, 2) || bus.list_size(list_key(large).c_str()) != 0)
-        return 6;
-    // Both segments were opened once, by name, without owning them.
-    if (bus.segments.size() != 2 || bus.segments.at(large)->owner)
-        return 7;
-    return 0;
-}
-
-BMSG_ROLE(receive_stream)
-{
-    const std::string modality = args.at(1);
-    const uint32_t frames = 200, patterns = 4;
-    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
-    char out[64];
-    uint32_t last = 0;
-    for (uint32_t i = 0; i < frames; ++i) {
-        ImagePtr image(bus.bio_sample_recv({modality.c_str()}, 20, out, sizeof out));
-        if (!image || image->count() != 640 * 480)
-            return 1;
-        uint32_t id;
-        memcpy(&id, image->data, 4);
-        // The segment holds the newest frame: never older than the
-        // descriptor just popped, never older than the last one seen.
-        if (id >= frames || id < i || id < last)
-            return 2;
-        for (int k = 4; k < image->count(); ++k)
-            if (image->data[k] != pattern(id % patterns, static_cast<uint32_t>(k)))
-                return 3;
-        last = id;
-    }
-    return 0;
-}
-
-BMSG_ROLE(send_then_exit)
-{
-    const std::string gone = args.at(1);
-    Image image(32, 24, BImage::GRAY8, nullptr);
-    fill(image, 11);
-    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
-    for (int i = 0; i < 3; ++i)
-        if (bus.bio_sample_send(gone.c_str(), &image) != 0)
-            return 1;
-    char go[8];
-    return bus.list_recv("GO", go, sizeof go, 20, nullptr, 0) == 2 ? 0 : 2;
-}
-
-TEST(ImageRecord, CountFollowsTheFormatTableIn32BitArithmetic)
-{
-    struct Case {
-        int width, height, format, count;
-    } cases[] = {
-        {640, 480, 0, 307200},  {640, 480, 1, 921600},  {640, 480, 2, 921600},
-        {640, 480, 3, 460800},  {640, 480, 4, 614400},  {640, 480, 5, 1228800},
-        {640, 480, 6, 1228800}, {640, 480, 7, 460800},  {640, 480, 8, 460800},
-        {640, 480, 9, 614400},  {640, 480, 10, 0},      {640, 480, -1, 0},
-        {3, 3, 3, 13},                              // 27 bytes halved, rounded down
-        {65536, 65536, 0, 0},                       // 2^32 wraps to 0
-        {40000, 40000, 1, 505032704},               // 4.8e9 mod 2^32
-        {50000, 50000, 8, 1602516352},              // product wraps before the halving
-        {-1, 1, 0, -1},                             // 0xffffffff read back signed
-    };
-    unsigned char borrowed = 0;
-    for (const Case& c : cases) {
-        Image image(c.width, c.height, static_cast<BImage::ImageFormat>(c.format), &borrowed);
-        EXPECT_EQ(image.count(), c.count) << c.width << "x" << c.height << " format " << c.format;
-    }
-}
-
-TEST(ImageRecord, ConstructorAllocatesOnlyAPositiveLength)
-{
-    Image own(640, 480, BImage::NV12, nullptr);
-    ASSERT_NE(own.data, nullptr);
-    EXPECT_EQ(own.buffer, static_cast<void*>(own.data));
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(own.data) % 16, 0u);
-    EXPECT_EQ(own.count(), 460800);
-    memset(own.data, 0xab, 460800);  // the sanitizer checks the block's size
-
-    const int empty[][3] = {{0, 480, 0}, {640, 480, 10}, {-1, 1, 0}, {65536, 65536, 0}, {-640, 480, 1}};
-    for (const auto& e : empty) {
-        Image none(e[0], e[1], static_cast<BImage::ImageFormat>(e[2]), nullptr);
-        EXPECT_EQ(none.data, nullptr) << e[0] << "x" << e[1] << " format " << e[2];
-        EXPECT_EQ(none.buffer, nullptr);
-    }
-
-    // Caller data is used as it is and never freed (freeing a stack buffer
-    // would crash the sanitizer build).
-    unsigned char pixels[6] = {1, 2, 3, 4, 5, 6};
-    {
-        Image borrowed(3, 2, BImage::GRAY8, pixels);
-        EXPECT_EQ(borrowed.data, pixels);
-        EXPECT_EQ(borrowed.buffer, nullptr);
-    }
-    EXPECT_EQ(pixels[5], 6);
-}
-
-TEST(ImageHeader, HasAFixedLittleEndianLayoutAndRoundTrips)
-{
-    unsigned char borrowed = 0;
-    const Image image(0x41020304, 2, BImage::GRAY16, &borrowed);
-    const unsigned char* h = image.format_header();
-    EXPECT_EQ(memcmp(h, "BIMG", 4), 0);
-    const unsigned char fixed[] = {1, 0, 32, 0,                 // version, length
-                                   0x04, 0x03, 0x02, 0x41,      // width
-                                   2, 0, 0, 0,                  // height
-                                   9, 0, 0, 0,                  // format
-                                   0x10, 0x0c, 0x08, 0x04,      // count(), wrapped
-                                   0, 0, 0, 0};                 // reserved
-    EXPECT_EQ(memcmp(h + 4, fixed, sizeof fixed), 0);
-    EXPECT_EQ(h, image.format_header()) << "the bytes live in the record";
-
-    unsigned int width = 0, height = 0;
-    unsigned long size = 0;
-    auto format = BImage::NV12;
-    ASSERT_EQ(Image::parse_image_header(h, width, height, size, format), 1);
-    EXPECT_EQ(width, 0x41020304u);
-    EXPECT_EQ(height, 2u);
-    EXPECT_EQ(format, BImage::GRAY16);
-    EXPECT_EQ(size, static_cast<uint32_t>(image.count()));
-
-    // An unknown format travels too, with no pixels.
-    const Image odd(7, 5, static_cast<BImage::ImageFormat>(42), &borrowed);
-    ASSERT_EQ(Image::parse_image_header(odd.format_header(), width, height, size, format), 1);
-    EXPECT_EQ(static_cast<int>(format), 42);
-    EXPECT_EQ(size, 0u);
-}
-
-TEST(ImageHeader, ParseRejectsBytesThatAreNotAHeader)
-{
-    unsigned int width = 11, height = 12;
-    unsigned long size = 13;
-    auto format = BImage::NV12;
-    auto parse = [&](const unsigned char* bytes) {
-        return Image::parse_image_header(bytes, width, height, size, format);
-    };
-
-    unsigned char zeros[32] = {};
-    EXPECT_EQ(parse(zeros), 0);
-    EXPECT_EQ(parse(nullptr), 0);
-    unsigned char text[33] = "not an image header, just text!";
-    EXPECT_EQ(parse(text), 0);
-
-    unsigned char borrowed = 0;
-    const Image image(640, 480, BImage::RGB24, &borrowed);
-    unsigned char good[32];
-    memcpy(good, image.format_header(), 32);
-    for (int i = 0; i < 32; ++i) {
-        unsigned char bad[32];
-        memcpy(bad, good, 32);
-        bad[i] ^= 0x20;
-        EXPECT_EQ(parse(bad), 0) << "byte " << i << " changed";
-    }
-    // Magic and hash right, but a length that does not match the fields.
-    unsigned char longer[32];
-    const Image other(640, 481, BImage::RGB24, &borrowed);
-    memcpy(longer, other.format_header(), 32);
-    memcpy(longer + 20, good + 20, 4);
-    EXPECT_EQ(parse(longer), 0);
-
-    EXPECT_EQ(width, 11u) << "outputs are left alone on failure";
-    EXPECT_EQ(height, 12u);
-    EXPECT_EQ(size, 13u);
-    EXPECT_EQ(format, BImage::NV12);
-    EXPECT_EQ(parse(good), 1);
-}
-
-TEST(SampleTransfer, ImagesCrossProcessesWithIdenticalPixels)
-{
-    RedisServer server;
-    const std::string small = unique_modality("FACE");
-    const std::string large = unique_modality("IRIS");
-
-    Child receiver = spawn_role("receive_two", {std::to_string(server.port()), small, large});
-
-    {
-        bMSG::Messager bus(server.socket().c_str(), 0, 3);
-        Image big(1920, 1080, BImage::RGB24, nullptr);
-        Image grey(640, 480, BImage::GRAY8, nullptr);
-        fill(big, 2);
-        fill(grey, 1);
-        ASSERT_EQ(bus.bio_sample_send(large.c_str(), &big), 0);
-        ASSERT_EQ(bus.bio_sample_send(small.c_str(), &grey), 0);
-        EXPECT_EQ(receiver.wait(), 0);
-        EXPECT_EQ(list_length(server, small), 0);
-        EXPECT_EQ(list_length(server, large), 0);
-        ASSERT_EQ(bus.segments.size(), 2u);
-        EXPECT_TRUE(bus.segments.at(small)->owner);
-    }
-    EXPECT_FALSE(segment_exists(small)) << "the sender unlinks its segments";
-    EXPECT_FALSE(segment_exists(large));
-}
-
-TEST(SampleTransfer, ManyFramesArriveWholeWhileTheSenderKeepsWriting)
-{
-    RedisServer server;
-    const std::string modality = unique_modality("STREAM");
-    const uint32_t frames = 200;
-
-    // Every frame carries its number in its first 4 bytes and a pattern
-    // derived from it in the rest; a copy mixing two frames fails the check.
-    // The patterns are made in advance so that the sends follow each other
-    // closely and overlap the receiver's copies.
-    const uint32_t patterns = 4;
-    Child receiver = spawn_role("receive_stream", {server.socket(), modality});
-
-    {
-        bMSG::Messager bus(server.socket().c_str(), 0, 3);
-        std::vector<ImagePtr> made;
-        for (uint32_t p = 0; p < patterns; ++p) {
-            made.emplace_back(new Image(640, 480, BImage::GRAY8, nullptr));
-            fill(*made.back(), p);
-        }
-        for (uint32_t id = 0; id < frames; ++id) {
-            Image& frame = *made[id % patterns];
-            memcpy(frame.data, &id, 4);
-            ASSERT_EQ(bus.bio_sample_send(modality.c_str(), &frame), 0);
-        }
-        EXPECT_EQ(receiver.wait(), 0);
-    }
-    EXPECT_FALSE(segment_exists(modality));
-}
-
-TEST(SampleTransfer, OneModalityReceiveReportsBadDataType2AgainstARealServer)
-{
-    // BRPOP answers (key, value); this receive accepts only a bare string,
-    // so against a real server it reports the array type and the descriptor
-    // is lost. Peers rely on it staying so.
-    RedisServer server;
-    const std::string modality = unique_modality("ODD");
-    bMSG::Messager sender(server.socket().c_str(), 0, 3);
-    Image image(16, 16, BImage::GRAY8, nullptr);
-    fill(image, 3);
-    ASSERT_EQ(sender.bio_sample_send(modality.c_str(), &image), 0);
-
-    Captured c = in_child(server, [&](bMSG::Messager& bus) {
-        return bus.bio_sample_recv(modality.c_str(), 5);
-    });
-    expect_report(c, "bio_sample_recv", "bad data type: 2");
-    EXPECT_EQ(list_length(server, modality), 0);
-
-    // A time-out is silent.
-    expect_silent_null(in_child(server, [&](bMSG::Messager& bus) {
-        return bus.bio_sample_recv(modality.c_str(), 1);
-    }));
-}
-
-TEST(SampleTransfer, SeveralModalitiesWaitOnOneJoinedKey)
-{
-    // The modality keys are joined into one BRPOP argument, so the call waits
-    // on a single list named by all of them; peers pass one modality.
-    RedisServer server;
-    const std::string a = unique_modality("A");
-    const std::string b = unique_modality("B");
-    bMSG::Messager sender(server.socket().c_str(), 0, 3);
-    Image image(8, 8, BImage::GRAY8, nullptr);
-    fill(image, 4);
-    ASSERT_EQ(sender.bio_sample_send(a.c_str(), &image), 0);
-
-    bMSG::Messager bus(server.socket().c_str(), 0, 3);
-    char out[64] = "untouched";
-    EXPECT_EQ(bus.bio_sample_recv({a.c_str(), b.c_str()}, 1, out, sizeof out), nullptr);
-    EXPECT_EQ(list_length(server, a), 1);
-    EXPECT_STREQ(out, "untouched");
-
-    // An empty vector sends nothing and returns at once.
-    redis_raw(server, "CONFIG RESETSTAT");
-    EXPECT_EQ(bus.bio_sample_recv(std::vector<const char*>{}, 0, out, sizeof out), nullptr);
-    EXPECT_EQ(redis_raw(server, "INFO commandstats").find("cmdstat_brpop"), std::string::npos);
-    EXPECT_EQ(bus.bio_sample_read(std::vector<const char*>{}, out, sizeof out), nullptr);
-    EXPECT_STREQ(out, "untouched");
-}
-
-TEST(SampleTransfer, LargerImageThrowsOnBothSides)
-{
-    RedisServer server;
-    const std::string modality = unique_modality("GROW");
-    const std::string socket = server.socket();
-    bMSG::Messager receiver(socket.c_str(), 0, 3);
-    char out[64];
-    {
-        bMSG::Messager sender(socket.c_str(), 0, 3);
-        Image small(64, 64, BImage::GRAY8, nullptr);
-        fill(small, 5);
-        ASSERT_EQ(sender.bio_sample_send(modality.c_str(), &small), 0);
-        bMSG::SharedMemory* segment = sender.segments.at(modality);
-
-        Image wider(65, 64, BImage::GRAY8, nullptr);
-        EXPECT_EQ(thrown_by([&] { sender.bio_sample_send(modality.c_str(), &wider); }),
-                  "Data size exceeds shared memory size: /" + list_key(modality) +
-                      " 4160+32>4176-48");
-        EXPECT_EQ(list_length(server, modality), 1) << "nothing pushed";
-        EXPECT_EQ(sender.segments.at(modality), segment) << "the segment is kept";
-
-        ImagePtr got(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
-        ASSERT_NE(got, nullptr);
-        EXPECT_TRUE(filled_with(*got, 5));
-    }
-
-    // A new sender makes a bigger segment; the receiver's cached one is the
-    // old, smaller one.
-    bMSG::Messager sender(socket.c_str(), 0, 3);
-    Image large(128, 128, BImage::GRAY8, nullptr);
-    fill(large, 6);
-    ASSERT_EQ(sender.bio_sample_send(modality.c_str(), &large), 0);
-    EXPECT_EQ(thrown_by([&] { delete receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out); }),
-              "Read size exceeds shared memory size");
-    EXPECT_EQ(list_length(server, modality), 0) << "the popped descriptor is gone";
-}
-
-TEST(SampleSend, ResultsSegmentContentAndDescriptor)
-{
-    RedisServer server;
-    const std::string modality = unique_modality("SEND");
-    bMSG::Messager bus(server.socket().c_str(), 0, 3);
-
-    EXPECT_EQ(bus.bio_sample_send(modality.c_str(), nullptr), -10);
-    Image emptied(4, 4, BImage::GRAY8, nullptr);
-    emptied.data = nullptr;
-    EXPECT_EQ(bus.bio_sample_send(modality.c_str(), &emptied), -10);
-    Image image(32, 16, BImage::YUYV, nullptr);
-    fill(image, 7);
-    const std::string blank = modality + " X";
-    EXPECT_EQ(bus.bio_sample_send(blank.c_str(), &image), -2);
-    EXPECT_TRUE(bus.segments.empty());
-    EXPECT_FALSE(segment_exists(modality));
-    EXPECT_FALSE(segment_exists(blank));
-    EXPECT_EQ(list_length(server, modality), 0);
-
-    ASSERT_EQ(bus.bio_sample_send(modality.c_str(), &image), 0);
-    ASSERT_EQ(bus.bio_sample_send(modality.c_str(), &image), 0);
-    EXPECT_EQ(list_length(server, modality), 2);
-    EXPECT_EQ(bus.segments.size(), 1u);
-
-    // Each list element is exactly the 32 header bytes.
-    const std::string header(reinterpret_cast<const char*>(image.format_header()), 32);
-    EXPECT_EQ(redis_raw(server, "LINDEX %s 0", list_key(modality).c_str()), header);
-    // Segment: 48-byte mutex, header, pixels; capacity count() + 32.
-    bMSG::SharedMemory peer("/" + list_key(modality), 1024 + 32, false);
-    ASSERT_NE(peer.addr, nullptr);
-    const char* bytes = static_cast<const char*>(peer.addr);
-    EXPECT_EQ(std::string(bytes + 48, 32), header);
-    EXPECT_EQ(memcmp(bytes + 80, image.data, 1024), 0);
-    EXPECT_EQ(bMSG::SharedMemory("/" + list_key(modality), 1024 + 33, false).addr, nullptr);
-
-    // The sender reads its own sample from its own segment.
-    bMSG::SharedMemory* own = bus.segments.at(modality);
-    ImagePtr back(bus.bio_sample_read(modality.c_str()));
-    ASSERT_NE(back, nullptr);
-    EXPECT_TRUE(filled_with(*back, 7));
-    EXPECT_EQ(bus.segments.at(modality), own);
-
-    // An unknown format has no pixels: the segment holds the header only.
-    const std::string odd = unique_modality("ODDFMT");
-    Image unknown(10, 10, static_cast<BImage::ImageFormat>(10), nullptr);
-    ASSERT_EQ(bus.bio_sample_send(odd.c_str(), &unknown), 0);
-    EXPECT_EQ(bus.segments.at(odd)->size, 32u + 48u);
-    char out[64];
-    ImagePtr none(bus.bio_sample_recv({odd.c_str()}, 5, out, sizeof out));
-    ASSERT_NE(none, nullptr);
-    EXPECT_EQ(none->data, nullptr);
-    EXPECT_EQ(none->width, 10);
-    EXPECT_EQ(static_cast<int>(none->format), 10);
-}
-
-TEST(SampleSend, NoConnectionGivesMinusOneAndNullImages)
-{
-    const uint16_t dead = bmsg_test::free_port();
-    Captured c = bmsg_test::run_captured([dead] {
-        int rc = 0;
-        {
-            bMSG::Messager bus("127.0.0.1", dead, 1);
-            Image image(4, 4, BImage::GRAY8, nullptr);
-            if (bus.bio_sample_send("X", &image) != -1)
-                rc |= 1;
-            char out[8];
-            if (bus.bio_sample_recv({"X"}, 1, out, sizeof out) || bus.bio_sample_recv("X", 1))
-                rc |= 2;
-            if (bus.bio_sample_read("X") || bus.bio_sample_read({"X"}, out, sizeof out))
-                rc |= 4;
-            if (!bus.segments.empty())
-                rc |= 8;
-        }
-        return rc;
-    });
-    EXPECT_EQ(c.status, 0);
-    // One failed attempt in the constructor and one per operation.
-    EXPECT_NE(c.err.find("bMSG ERROR connect["), std::string::npos);
-}
-
-TEST(SampleFailures, ReceiveReportsAndLosesThePoppedDescriptor)
-{
-    RedisServer server;
-    char out[64];
-    auto recv = [&](const std::string& m, int len) {
-        return in_child(server, [&](bMSG::Messager& bus) {
-            return bus.bio_sample_recv({m.c_str()}, 5, out, len);
-        });
-    };
-
-    const std::string garbage = unique_modality("GARBAGE");
-    unsigned char junk[32];
-    memset(junk, 0x5a, sizeof junk);
-    push_raw(server, garbage, junk, sizeof junk);
-    push_raw(server, garbage, "short", 5);
-    expect_report(recv(garbage, sizeof out), "bio_sample_recv", "load image failed");
-    expect_report(recv(garbage, sizeof out), "bio_sample_recv", "load image failed");
-    EXPECT_EQ(list_length(server, garbage), 0);
-
-    // A valid header whose segment does not exist.
-    const std::string orphan = unique_modality("ORPHAN");
-    unsigned char borrowed = 0;
-    const Image shape(64, 64, BImage::GRAY8, &borrowed);
-    push_raw(server, orphan, shape.format_header(), 32);
-    expect_report(recv(orphan, sizeof out), "bio_sample_recv", "shared memory is invalid");
-    EXPECT_EQ(list_length(server, orphan), 0);
-
-    // A header for a bigger image than the segment was made for.
-    const std::string shrunk = unique_modality("SHRUNK");
-    bMSG::Messager sender(server.socket().c_str(), 0, 3);
-    Image tiny(8, 8, BImage::GRAY8, nullptr);
-    ASSERT_EQ(sender.bio_sample_send(shrunk.c_str(), &tiny), 0);
-    redis_raw(server, "DEL %s", list_key(shrunk).c_str());
-    push_raw(server, shrunk, shape.format_header(), 32);
-    expect_report(recv(shrunk, sizeof out), "bio_sample_recv", "shared memory is invalid");
-
-    // A buffer as long as the modality has no room for the NUL.
-    ASSERT_EQ(sender.bio_sample_send(shrunk.c_str(), &tiny), 0);
-    const int len = static_cast<int>(shrunk.size());
-    Captured c = bmsg_test::run_captured([&] {
-        int rc;
-        {
-            bMSG::Messager bus(server.socket().c_str(), 0, 3);
-            char name[64];
-            ImagePtr image(bus.bio_sample_recv({shrunk.c_str()}, 5, name, len));
-            rc = image ? 1 : shrunk.compare(0, len - 1, name) != 0 ? 2 : 0;
-        }
-        return rc;
-    });
-    expect_report(c, "bio_sample_recv", "buffer size too small: " + std::to_string(len));
-    EXPECT_EQ(list_length(server, shrunk), 0);
-
-    // Nothing waiting: silent after the time-out.
-    expect_silent_null(in_child(server, [&](bMSG::Messager& bus) {
-        return bus.bio_sample_recv({garbage.c_str()}, 1, out, sizeof out);
-    }));
-}
-
-TEST(SampleFailures, ReadReportsAndKeepsOnlyUsableDescriptors)
-{
-    RedisServer server;
-    auto read = [&](const std::string& m) {
-        return in_child(server, [&](bMSG::Messager& bus) { return bus.bio_sample_read(m.c_str()); });
-    };
-
-    const std::string empty = unique_modality("EMPTY");
-    expect_silent_null(read(empty));
-    Captured c = bmsg_test::run_captured([&] {
-        int rc;
-        {
-            bMSG::Messager bus(server.socket().c_str(), 0, 3);
-            char out[16] = "untouched";
-            ImagePtr image(bus.bio_sample_read({empty.c_str(), "nothing"}, out, sizeof out));
-            rc = image ? 1 : strcmp(out, "untouched") != 0 ? 2 : 0;
-        }
-        return rc;
-    });
-    expect_silent_null(c);
-
-    // Undecodable: reported, and it stays where it is.
-    const std::string garbage = unique_modality("GARBAGE");
-    push_raw(server, garbage, "0123456789abcdef0123456789abcdef", 32);
-    expect_report(read(garbage), "bio_sample_read", "load image failed");
-    EXPECT_EQ(list_length(server, garbage), 1);
-
-    // No segment: reported and removed, so later reads are not stuck on it.
-    const std::string orphan = unique_modality("ORPHAN");
-    unsigned char borrowed = 0;
-    const Image shape(64, 64, BImage::GRAY8, &borrowed);
-    push_raw(server, orphan, shape.format_header(), 32);
-    push_raw(server, orphan, shape.format_header(), 32);
-    expect_report(read(orphan), "bio_sample_read", "shared memory is invalid");
-    EXPECT_EQ(list_length(server, orphan), 1);
-
-    // Not a list: reported with the error reply's type, and the connection
-    // is dropped so that the next operation makes a new one.
-    const std::string wrong = unique_modality("WRONG");
-    redis_raw(server, "SET %s text", list_key(wrong).c_str());
-    c = bmsg_test::run_captured([&] {
-        int rc;
-        {
-            bMSG::Messager bus(server.socket().c_str(), 0, 3);
-            ImagePtr image(bus.bio_sample_read(wrong.c_str()));
-            rc = image ? 1 : bus.redis_context() ? 2 : bus.set("after", "reconnected") != 0 ? 3 : 0;
-        }
-        return rc;
-    });
-    expect_report(c, "bio_sample_read", "bad data type: 6, value is INT 0");
-    EXPECT_EQ(redis_raw(server, "GET after"), "reconnected");
-}
-
-TEST(SampleFailures, SegmentTruncatedByAnotherProcessGivesInvalidNotSigbus)
-{
-    RedisServer server;
-    const std::string modality = unique_modality("TRUNC");
-    const std::string segment = "/" + list_key(modality);
-    bMSG::Messager sender(server.socket().c_str(), 0, 3);
-    Image image(64, 48, BImage::GRAY8, nullptr);
-    fill(image, 7);
-    char out[64];
-
-    Captured c = bmsg_test::run_captured([&] {
-        int rc = 0;
-        {
-            // The receiver maps the segment with its first image...
-            bMSG::Messager receiver(server.socket().c_str(), 0, 3);
-            if (sender.bio_sample_send(modality.c_str(), &image) != 0)
-                return 1;
-            ImagePtr first(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
-            if (!first || !filled_with(*first, 7))
-                return 2;
-            // ...then someone shrinks it; the next receive must not fault.
-            if (sender.bio_sample_send(modality.c_str(), &image) != 0)
-                return 3;
-            int fd = shm_open(segment.c_str(), O_RDWR, 0);
-            if (fd < 0 || ftruncate(fd, 0) != 0)
-                return 4;
-            close(fd);
-            ImagePtr second(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
-            if (second)
-                rc = 5;
-            // The owner restores its segment on the next send.
-            fill(image, 8);
-            if (sender.bio_sample_send(modality.c_str(), &image) != 0)
-                return 6;
-            ImagePtr third(receiver.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
-            if (!rc && (!third || !filled_with(*third, 8)))
-                rc = 7;
-        }
-        return rc;
-    });
-    expect_report(c, "bio_sample_recv", "shared memory is invalid");
-    // The sends ran in the child, whose copy of the sender never unlinks.
-    shm_unlink(segment.c_str());
-}
-
 namespace {
 
-// Three descriptors of an image filled with seed 11 are queued for
-// `modality`; a receiver maps the segment with the first, then `unlink`
-// removes the segment's name. That receiver loads the next one from its
-// mapping; a receiver that had not mapped the segment reports it invalid.
-void expect_only_mapped_receivers_load(const RedisServer& server, const std::string& modality,
-                                       const std::function<void()>& unlink)
+std::string unique(const std::string& tag) { return tag + std::to_string(getpid()); }
+std::string key(const std::string& m) { return "BIOMETRIC_SAMPLE_" + m; }
+std::string str(const unsigned char* p, size_t n) { return std::string(reinterpret_cast<const char*>(p), n); }
+bool segment_exists(const std::string& m) { return bMSG::SharedMemory("/" + key(m), 0, false).addr; }
+long queued(const RedisServer& s, const std::string& m) { return std::stol(redis_raw(s, "LLEN %s", key(m).c_str())); }
+void nothing(int, int, BImage::ImageFormat, const unsigned char*) {}
+unsigned char pattern(uint32_t seed, size_t i) { return (seed * 2654435761u + i * 40503u) >> 13; }
+void paint(unsigned char* p, size_t n, uint32_t seed) { for (size_t i = 0; i < n; ++i) p[i] = pattern(seed, i); }
+
+bool holds(const unsigned char* p, size_t n, uint32_t seed, size_t from = 0)
+{
+    while (from < n && p[from] == pattern(seed, from))
+        ++from;
+    return n > 0 && from == n;
+}
+
+// Images the roles make, by the modality's first letter.
+struct Shape {
+    int w, h;
+    BImage::ImageFormat f;
+    size_t count() const { unsigned char b; return static_cast<size_t>(Image(w, h, f, &b).count()); }
+};
+const Shape shapes[] = {{640, 480, BImage::GRAY8}, {320, 240, BImage::RGB24}, {33, 17, BImage::NV12}};
+const Shape& shape_of(const std::string& m) { return shapes[m[0] - 'a']; }
+
+// "function: message" of the one report c caught, "" when it printed nothing.
+std::string reported(const bmsg_test::Captured& c)
+{
+    const size_t open = c.err.find('['), end = c.out.find('\n'), none = std::string::npos;
+    const bool one = !c.err.rfind("bMSG ERROR ", 0) && open != none && c.err.find('\n') == none && end + 1 == c.out.size();
+    return one && c.err.back() == ':' ? c.err.substr(11, open - 11) + ": " + c.out.substr(0, end) : c.err + c.out;
+}
+
+bmsg_test::Captured with_bus(const RedisServer& s, bool tcp, const std::function<int(bMSG::Messager&)>& op)
+{
+    return bmsg_test::run_captured([&] {
+        bMSG::Messager bus(tcp ? "127.0.0.1" : s.socket().c_str(), s.port(), 1);
+        return op(bus);
+    });
+}
+
+// Pops one sample of m with receiver `how` (0 the several-modality
+// bio_sample_recv, 1 recv_any, 2 the one-modality recv, 3 view): whether an
+// image came, or the view's code.
+int receive(bMSG::Messager& bus, int how, const std::string& m, int len)
 {
     char out[64];
-    bMSG::Messager mapped(server.socket().c_str(), 0, 3);
-    ImagePtr first(mapped.bio_sample_recv({modality.c_str()}, 20, out, sizeof out));
-    ASSERT_TRUE(first && filled_with(*first, 11));
-    unlink();
-    EXPECT_FALSE(segment_exists(modality));
-    ASSERT_EQ(list_length(server, modality), 2);
-
-    ImagePtr second(mapped.bio_sample_recv({modality.c_str()}, 5, out, sizeof out));
-    EXPECT_TRUE(second && filled_with(*second, 11));
-    expect_report(in_child(server, [&](bMSG::Messager& bus) {
-                      return bus.bio_sample_recv({modality.c_str()}, 5, out, sizeof out);
-                  }),
-                  "bio_sample_recv", "shared memory is invalid");
-    EXPECT_EQ(list_length(server, modality), 0) << "the failed receive lost its descriptor";
+    const std::vector<const char*> ms{m.c_str()};
+    if (how == 3)
+        return bus.bio_sample_view(ms, 1, nothing, out, len);
+    ImagePtr image(how == 0   ? bus.bio_sample_recv(ms, 1, out, len)
+                   : how == 1 ? bus.bio_sample_recv_any(ms, 1, out, len) : bus.bio_sample_recv(m.c_str(), 1));
+    return image != nullptr;
 }
 
 } // namespace
 
-TEST(SampleFailures, UnlinkedSegmentStillServesReceiversThatMappedIt)
+// port, "send" or "loan", modalities: on each "go" on list GO sends the next
+// modality's image; returns on the "go" after the last.
+BMSG_ROLE(sender)
+{
+    bMSG::Messager bus("127.0.0.1", static_cast<uint16_t>(std::stoi(args.at(0))), 1);
+    char go[8];
+    for (size_t i = 2; bus.list_recv("GO", go, sizeof go, 30, nullptr, 0) == 2 && i < args.size(); ++i) {
+        const Shape& s = shape_of(args[i]);
+        Image image(s.w, s.h, s.f, nullptr);
+        paint(image.data, s.count(), args[i][0]);
+        const auto fill = [&](unsigned char* p, size_t n) { paint(p, n, args[i][0]); };
+        if ((args[1] == "loan" ? bus.bio_sample_loan(args[i].c_str(), s.w, s.h, s.f, fill)
+                               : bus.bio_sample_send(args[i].c_str(), &image)) != 0)
+            return 2;
+    }
+    return 0;
+}
+
+TEST(ImageHeader, FixedLayoutAndOnlyWholeHeadersParse)
+{
+    unsigned char h[32] = {'B', 'I', 'M', 'G', 1, 0, 32, 0, 128, 2, 0, 0, 224, 1, 0, 0,
+                           1, 0, 0, 0, 0, 16, 14, 0, 0, 0, 0, 0, 219, 247, 222, 50};
+    EXPECT_EQ(str(Image(640, 480, BImage::RGB24, nullptr).format_header(), 32), str(h, 32));
+    unsigned int w = 1, ht = 2;
+    unsigned long size = 3;
+    BImage::ImageFormat f = BImage::NV12;
+    EXPECT_EQ(Image::parse_image_header(nullptr, w, ht, size, f), 0);
+    for (int i = 0; i < 32; h[i++] ^= 0x10) {
+        h[i] ^= 0x10;
+        EXPECT_EQ(Image::parse_image_header(h, w, ht, size, f), 0) << "byte " << i;
+    }
+    EXPECT_TRUE(w == 1 && ht == 2 && size == 3 && f == BImage::NV12) << "outputs untouched";
+    ASSERT_EQ(Image::parse_image_header(h, w, ht, size, f), 1);
+    EXPECT_TRUE(w == 640 && ht == 480 && size == 921600 && f == BImage::RGB24);
+}
+
+TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
 {
     RedisServer server;
-    Image image(32, 24, BImage::GRAY8, nullptr);
-    fill(image, 11);
+    const std::string m = unique("SEND"), blank = m + " X";
+    const auto bus = std::make_unique<bMSG::Messager>(server.socket().c_str(), 0, 1);
+    Image image(32, 16, BImage::YUYV, nullptr), emptied(4, 4, BImage::GRAY8, nullptr), wider(33, 16, BImage::YUYV, nullptr);
+    paint(image.data, 1024, 7);
+    emptied.data = nullptr;
+    const struct { const std::string& m; Image* image; int rc; } rows[] = {
+        {m, nullptr, -10}, {m, &emptied, -10}, {blank, &image, -2}};
+    for (const auto& row : rows)
+        EXPECT_EQ(bus->bio_sample_send(row.m.c_str(), row.image), row.rc) << row.m;
+    EXPECT_FALSE(segment_exists(m) || segment_exists(blank));
+    ASSERT_TRUE(bus->bio_sample_send(m.c_str(), &image) == 0 && bus->bio_sample_send(m.c_str(), &image) == 0);
+    const std::string header = str(image.format_header(), 32);
+    EXPECT_EQ(redis_raw(server, "LRANGE %s 0 -1", key(m).c_str()), header + "\n" + header);
+    bMSG::SharedMemory peer("/" + key(m), 1024 + 32, false);
+    ASSERT_NE(peer.addr, nullptr);
+    EXPECT_EQ(str(static_cast<unsigned char*>(peer.addr) + 48, 32), header);
+    EXPECT_TRUE(holds(static_cast<unsigned char*>(peer.addr) + 80, 1024, 7));
+    EXPECT_EQ(bMSG::SharedMemory("/" + key(m), 1024 + 33, false).addr, nullptr);
+    EXPECT_EQ(bmsg_test::thrown_by([&] { bus->bio_sample_send(m.c_str(), &wider); }),
+              "Data size exceeds shared memory size: /" + key(m) + " 1056+32>1104-48");
+    EXPECT_EQ(queued(server, m), 2) << "nothing pushed";
 
-    // The sender process exits, its Messager unlinking the segment, while
-    // descriptors are still queued.
-    const std::string gone = unique_modality("GONE");
-    Child sender = spawn_role("send_then_exit", {server.socket(), gone});
-    expect_only_mapped_receivers_load(server, gone, [&] {
-        redis_raw(server, "LPUSH GO go");
-        EXPECT_EQ(sender.wait(), 0);
-    });
+    // Truncated under a receiver that mapped it: invalid (no SIGBUS) until its owner sends again.
+    bMSG::Messager fresh(server.socket().c_str(), 0, 1);
+    char out[64];
+    for (int how : {0, 3}) {
+        ASSERT_EQ(bus->bio_sample_send(m.c_str(), &image), 0);  // restores what the last round cut
+        ImagePtr mapped(fresh.bio_sample_recv({m.c_str()}, 5, out, sizeof out));
+        EXPECT_TRUE(mapped && holds(mapped->data, 1024, 7));
+        const int fd = shm_open(("/" + key(m)).c_str(), O_RDWR, 0);
+        ASSERT_TRUE(bus->bio_sample_send(m.c_str(), &image) == 0 && fd >= 0 && ftruncate(fd, 0) == 0);
+        close(fd);
+        const auto c = bmsg_test::run_captured([&] { return receive(fresh, how, m, 64); });
+        EXPECT_EQ(reported(c) + std::to_string(c.status), how ? "-9" : "bio_sample_recv: shared memory is invalid0");
+    }
+}
 
-    // Someone else removes the name while the sender lives on.
-    const std::string unlinked = unique_modality("UNLINKED");
-    bMSG::Messager bus(server.socket().c_str(), 0, 3);
-    for (int i = 0; i < 3; ++i)
-        ASSERT_EQ(bus.bio_sample_send(unlinked.c_str(), &image), 0);
-    expect_only_mapped_receivers_load(server, unlinked, [&] {
-        EXPECT_EQ(shm_unlink(("/" + list_key(unlinked)).c_str()), 0);
-    });
+TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
+{
+    RedisServer server;
+    const std::string g = unique("GARBAGE"), o = unique("ORPHAN"), s = unique("SMALL");
+    bMSG::Messager sender(server.socket().c_str(), 0, 1);
+    Image small(8, 8, BImage::GRAY8, nullptr), big(64, 64, BImage::GRAY8, nullptr);
+    ASSERT_EQ(sender.bio_sample_send(s.c_str(), &small), 0);
+    redis_raw(server, "DEL %s", key(s).c_str());
+    const std::string h8 = str(small.format_header(), 32), h64 = str(big.format_header(), 32);
+    const int cut = static_cast<int>(s.size());
+    const std::string failed = "load image failed", invalid = "shared memory is invalid", tight = "buffer size too small: " + std::to_string(cut);
+    const struct { std::string m, pushed; int len; std::string recv, any; int view; } rows[] = {
+        {g, std::string(32, 'Z'), 64, failed, failed, -6}, {g, h8 + "x", 64, failed, failed, -6},
+        {g, "", 64, failed, "bad data type", -6},           {o, h64, 64, invalid, invalid, -9},
+        {s, h64, 64, invalid, invalid, -9},                 {s, h8, cut, tight, tight, -5},
+        {s, h8, 64, "", "", 1},                             {g, "(nothing)", 64, "", "", 0}};
+    for (const auto& row : rows)
+        for (int how = 0; how < 4; ++how) {
+            if (row.view != 0)
+                redis_raw(server, "LPUSH %s %b", key(row.m).c_str(), row.pushed.data(), row.pushed.size());
+            const auto c = with_bus(server, how & 1, [&](bMSG::Messager& bus) { return receive(bus, how, row.m, row.len); });
+            const std::string want = how == 2 ? (row.view ? "bad data type: 2" : "") : how == 3 ? "" : how ? row.any : row.recv;
+            EXPECT_EQ(reported(c), want.empty() ? "" : (how == 1 ? "bio_sample_recv_any: " : "bio_sample_recv: ") + want) << (&row - rows) << how;
+            EXPECT_EQ(c.status, how == 3 ? row.view : row.view == 1 && how != 2) << (&row - rows) << how;
+            EXPECT_EQ(queued(server, row.m), 0);
+        }
+    char out[8] = "none";  // no modality: nothing to wait on
+    EXPECT_EQ(sender.bio_sample_recv(std::vector<const char*>{}, 0, out, sizeof out), nullptr);
+    EXPECT_EQ(sender.bio_sample_view({}, 0, nothing), 0);
+
+    // The reader peeks, reports, and drops only a descriptor whose segment is gone.
+    Image image(16, 8, BImage::GRAY8, nullptr);
+    paint(image.data, 128, 5);
+    const std::string empty = unique("EMPTY"), peek = unique("PEEK");
+    const struct { std::string m; const char* command; std::string value; int status, left; std::string report; } reads[] = {
+        {empty, nullptr, "", 0, 0, ""}, {peek, "send", "", 1, 2, ""},
+        {unique("JUNK"), "LPUSH %s %b", std::string(32, 'J'), 0, 2, "load image failed"},
+        {unique("ORPHAN"), "LPUSH %s %b", str(big.format_header(), 32), 0, 1, "shared memory is invalid"},
+        {unique("TEXT"), "SET %s %b", "text", 2, -1, "bad data type: 6, value is INT 0"}};
+    for (bool tcp : {false, true})
+        for (const auto& row : reads) {
+            redis_raw(server, "DEL %s", key(row.m).c_str());
+            for (int i = 0; row.command && i < 2; ++i)
+                EXPECT_EQ(row.value.empty() ? std::to_string(sender.bio_sample_send(row.m.c_str(), &image))
+                                            : redis_raw(server, row.command, key(row.m).c_str(), row.value.data(), row.value.size()),
+                          row.value.empty() ? "0" : row.command[0] == 'S' ? "OK" : std::to_string(i + 1));
+            const auto c = with_bus(server, tcp, [&](bMSG::Messager& bus) {
+                ImagePtr got(bus.bio_sample_read(row.m.c_str()));
+                const int s = got ? (holds(got->data, 128, 5) ? 1 : 8) : 0;
+                return s | (bus.redis_context() ? 0 : 2) | (bus.set("after", row.m.c_str()) ? 4 : 0);
+            });
+            EXPECT_EQ(c.status, row.status) << row.m << " over TCP " << tcp;
+            EXPECT_EQ(reported(c), row.report.empty() ? "" : "bio_sample_read: " + row.report);
+            EXPECT_EQ(redis_raw(server, "GET after"), row.m) << "the next operation reconnects";
+            EXPECT_EQ(row.left < 0 ? row.left : queued(server, row.m), row.left);
+        }
+    EXPECT_EQ(sender.bio_sample_read({empty.c_str(), "NOTHING"}, out, sizeof out), nullptr);
+    ImagePtr found(sender.bio_sample_read({empty.c_str(), peek.c_str()}, out, 5));
+    EXPECT_TRUE(found && out == peek.substr(0, 4));
+}
+
+TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndOnlyMappedOnesAfterIt)
+{
+    enum How { recv, any, view, into };
+    const struct { const char* how; How receive; const char* order; } rows[] = {
+        {"send", recv, "ab"}, {"send", any, "cab"}, {"send", view, "bca"}, {"loan", recv, "ba"},
+        {"loan", into, "abc"}, {"loan", view, "ab"}, {"loan", any, "bc"}};
+    RedisServer server;
+    const std::vector<std::string> all{unique("a"), unique("b"), unique("c")};
+    const std::vector<const char*> keys{all[0].c_str(), all[1].c_str(), all[2].c_str()};
+    for (const auto& row : rows) {
+        std::vector<std::string> args{std::to_string(server.port()), row.how};
+        for (const char* c = row.order; *c; ++c)
+            args.push_back(all[*c - 'a']);
+        args.insert(args.end(), 2, args[2]);  // the first again twice, taken after the sender left
+        bmsg_test::Child peer = bmsg_test::spawn_role("sender", args);
+        bMSG::Messager bus(server.socket().c_str(), 0, 1);
+        unsigned char little[16];
+        Image mine(4, 4, BImage::GRAY8, little);  // grown, never freed
+        const auto take = [&](const std::string& want) {
+            const Shape& s = shape_of(want);
+            char out[32] = "";
+            bool whole = false;
+            const auto check = [&](int w, int h, BImage::ImageFormat f, const unsigned char* p) {
+                whole = w == s.w && h == s.h && f == s.f && holds(p, s.count(), want[0]);
+            };
+            EXPECT_EQ(row.receive == view ? bus.bio_sample_view(keys, 10, check, out, sizeof out) : 1, 1);
+            if (row.receive == into && bus.bio_sample_recv_into(keys, 10, mine, out, sizeof out) == 1)
+                check(mine.width, mine.height, mine.format, mine.data);
+            whole = whole && (row.receive != into || (mine.data != little && mine.buffer == mine.data));
+            ImagePtr got(row.receive == any    ? bus.bio_sample_recv_any(keys, 10, out, sizeof out)
+                         : row.receive == recv ? bus.bio_sample_recv({want.c_str()}, 10, out, sizeof out) : nullptr);
+            if (got)
+                check(got->width, got->height, got->format, got->data);
+            return whole && out == want;
+        };
+        for (size_t i = 2; i < args.size() - 2; ++i) {
+            redis_raw(server, "LPUSH GO go");
+            EXPECT_TRUE(take(args[i])) << (&row - rows) << " " << args[i];
+        }
+        redis_raw(server, "LPUSH GO go go go");
+        EXPECT_EQ(peer.wait(), 0) << peer.err();
+        for (const std::string& m : all)
+            EXPECT_FALSE(segment_exists(m)) << "the sender unlinks its segments as it returns";
+        EXPECT_TRUE(take(args[2])) << "a mapped segment outlives its name";
+        const auto c = with_bus(server, false, [&](bMSG::Messager& b) { return receive(b, 0, args[2], 64); });
+        EXPECT_EQ(reported(c), "bio_sample_recv: shared memory is invalid");
+    }
+}
+
+TEST(SampleExtras, LoanCodesLocksFreedOnEveryExitAndSegmentMode)
+{
+    RedisServer server;
+    bMSG::Messager bus(server.socket().c_str(), 0, 1);
+    const std::string m = unique("LOAN");
+    int fills = 0;
+    const auto fill = [&](unsigned char*, size_t n) { fills += n == 16; };
+    const auto view = [&](int w, int h, BImage::ImageFormat, const unsigned char*) { fills += w * h; };
+    const auto throws = [](int, int, BImage::ImageFormat, const unsigned char*) { throw 1; };
+    EXPECT_EQ(bus.bio_sample_loan(m.c_str(), 0, 5, BImage::GRAY8, fill), -10);
+    EXPECT_EQ(bus.bio_sample_loan(m.c_str(), 4, 4, static_cast<BImage::ImageFormat>(10), fill), -10);
+    EXPECT_EQ(bus.bio_sample_loan("a b", 4, 4, BImage::GRAY8, fill), -2);
+    EXPECT_THROW(bus.bio_sample_loan(m.c_str(), 4, 4, BImage::GRAY8, [](unsigned char*, size_t) { throw 1; }), int);
+    EXPECT_EQ(bmsg_test::thrown_by([&] { bus.bio_sample_loan(m.c_str(), 5, 4, BImage::GRAY8, fill); }),
+              "Data size exceeds shared memory size: /" + key(m) + " 52+0>96-48");
+    EXPECT_TRUE(fills == 0 && queued(server, m) == 0) << "nothing filled or pushed";
+    ASSERT_EQ(bus.bio_sample_loan(m.c_str(), 4, 4, BImage::GRAY8, fill), 0);
+    EXPECT_THROW(bus.bio_sample_view({m.c_str()}, 1, throws), int);
+    ASSERT_EQ(bus.bio_sample_loan(m.c_str(), 2, 8, BImage::GRAY8, fill), 0);
+    EXPECT_TRUE(bus.bio_sample_view({m.c_str()}, 1, view) == 1 && fills == 18) << "both locks were freed";
+
+    const struct { mode_t asked, umask, expected; } modes[] = {
+        {0, 022, 0644}, {0, 0, 0666}, {0600, 0, 0600}, {0660, 077, 0660}, {0640, 0, 0640}};
+    for (const auto& row : modes) {
+        umask(row.umask);  // this test's process only
+        const std::string mode = unique("mode" + std::to_string(row.asked) + "_" + std::to_string(row.umask));
+        bMSG::Messager owner(server.socket().c_str(), 0, 1);
+        owner.set_segment_mode(row.asked);
+        struct stat st;
+        ASSERT_TRUE(owner.bio_sample_loan(mode.c_str(), 4, 4, BImage::GRAY8, fill) == 0 && !stat(("/dev/shm/" + key(mode)).c_str(), &st));
+        EXPECT_EQ(st.st_mode & 0777, row.expected) << std::oct << row.asked << " " << row.umask;
+    }
+}
+
+// socket, modality, seconds, "produce" or "consume": numbered frames (the
+// number in bytes 0-3) until the time is up; a consumer checks every pixel
+// against the number and prints how many it checked.
+BMSG_ROLE(stream)
+{
+    const Shape& s = shape_of(args.at(1));
+    const char* m = args[1].c_str();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(std::stoi(args.at(2)));
+    bMSG::Messager bus(args.at(0).c_str(), 0, 3);
+    Image image(s.w, s.h, s.f, nullptr);
+    char out[64];
+    long n = 0;
+    for (uint32_t i = 1; args.at(3) == "produce" && std::chrono::steady_clock::now() < end; ++i) {
+        paint(image.data, s.count(), i);
+        memcpy(image.data, &i, 4);
+        while (bus.list_size(key(m).c_str()) > 64)
+            usleep(1000);
+        if (bus.bio_sample_send(m, &image) != 0)
+            return 1;
+    }
+    for (int rc = 0; args[3] == "consume" && (rc == 1 || std::chrono::steady_clock::now() < end); n += rc == 1) {
+        uint32_t frame = 0;
+        rc = bus.bio_sample_recv_into({m}, 2, image, out, sizeof out);
+        memcpy(&frame, image.data, 4);
+        if (rc < 0 || (rc == 1 && (args[1] != out || image.width != s.w || !holds(image.data, s.count(), frame, 4))))
+            return 1;
+    }
+    printf("%ld\n", n);
+    return 0;
+}
+
+TEST(SampleLoad, TwoProducersFourConsumersEveryImageWhole)
+{
+    RedisServer server;
+    const char* seconds = getenv("BMSG_LOAD_SECONDS");
+    std::vector<bmsg_test::Child> children;
+    long total = 0;
+    for (const std::string& m : {unique("a"), unique("b")})
+        for (const char* role : {"produce", "consume", "consume"})
+            children.push_back(bmsg_test::spawn_role("stream", {server.socket(), m, seconds ? seconds : "60", role}));
+    for (bmsg_test::Child& c : children) {
+        EXPECT_EQ(c.wait(), 0) << c.err();
+        total += atol(c.out().c_str());
+    }
+    EXPECT_GT(total, 0) << "images checked";
+}
+
+TEST(MessagerExtras, ReconnectAfterRestartOnlyWhenAskedFor)
+{
+    RedisServer server;
+    for (int i = 0; i < 4; ++i) {  // bit 0: over TCP, bit 1: reconnect on
+        bMSG::Messager bus(i & 1 ? "127.0.0.1" : server.socket().c_str(), server.port(), 1);
+        bus.set_reconnect(i & 2);
+        ASSERT_EQ(bus.set("k", "v"), 0);
+        server.restart();
+        EXPECT_EQ(bus.set("k", "v"), -7);
+        EXPECT_EQ(bus.set("k", "v"), i & 2 ? 0 : -7) << i;
+    }
+}
+
+TEST(Subscription, DeliversSeveralChannelsNothingAfterStopAndEndsWithItsServer)
+{
+    RedisServer server;
+    bMSG::Messager bus(server.socket().c_str(), 0, 1);
+    std::mutex lock;
+    std::vector<std::string> got;
+    const auto keep = [&](const char* ch, const char* p, size_t n, void*) {
+        std::lock_guard<std::mutex> hold(lock);
+        got.push_back(std::string(ch) + ":" + std::string(p, n));
+    };
+    EXPECT_EQ(bMSG::Subscription(server.socket().c_str(), 0, {}, keep).status(), -3);
+    EXPECT_EQ(bMSG::Subscription("127.0.0.1", bmsg_test::free_port(), {"x"}, keep).status(), -1);
+    { bMSG::Subscription idle("127.0.0.1", server.port(), {"quiet"}, keep); }  // stops with no message
+    bMSG::Subscription sub(bus, {"one", "two"}, keep), orphan(bus, {"two"}, keep);
+    ASSERT_TRUE(sub.status() == 0 && sub.running());
+    EXPECT_EQ(bus.publish("one", "%s", "a") + bus.publish("two", "%s", "b"), 3);
+    ASSERT_TRUE(bmsg_test::wait_until([&] { std::lock_guard<std::mutex> hold(lock); return got.size() == 3; }));
+    sub.stop();
+    sub.stop();
+    EXPECT_FALSE(sub.running());
+    EXPECT_EQ(bus.publish("one", "%s", "late"), 0);
+    server.stop();
+    EXPECT_TRUE(bmsg_test::wait_until([&] { return !orphan.running(); }));
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (std::vector<std::string>{"one:a", "two:b", "two:b"}));
 }

@@ -8,221 +8,107 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
-#include <string>
-
 using bMSG::SharedMemory;
-using bmsg_test::Child;
-using bmsg_test::spawn_role;
 using bmsg_test::thrown_by;
 
 namespace {
 
-std::string unique_name(const char* tag)
-{
-    return std::string("/bmsg_test_") + tag + "_" + std::to_string(getpid());
-}
+const std::string none = "(nothing thrown)";
+std::string unique_name(const char* tag) { return "/bmsg_test_" + std::string(tag) + std::to_string(getpid()); }
+bool exists(const std::string& name) { return SharedMemory(name, 0, false).addr != nullptr; }
 
-bool exists(const std::string& name)
-{
-    return SharedMemory(name, 0, false).addr != nullptr;
-}
-
-std::string read_text(SharedMemory& seg, size_t len, size_t offset = 0)
+std::string text(SharedMemory& seg, size_t len, size_t offset = 0)
 {
     std::string s(len, '\0');
     seg.read(&s[0], len, offset);
     return s;
 }
 
-// Says `word` on stdout at once, so that the test can wait for it.
-void say(const char* word)
-{
-    puts(word);
-    fflush(stdout);
-}
-
-bool said(const Child& c, const char* word)
-{
-    return bmsg_test::wait_until([&] { return c.out().find(word) != std::string::npos; });
-}
-
 } // namespace
 
-// name: opens the segment without creating it, checks the creator's text,
-// answers at payload offset 95 and returns (its destructor runs).
-BMSG_ROLE(peer)
-{
-    SharedMemory peer(args.at(0), 100, false);
-    if (!peer.addr || peer.owner || read_text(peer, 5) != "hello")
-        return 1;
-    peer.write("reply", 5, 95);
-    peer.close();
-    peer.close();
-    return 0;
-}
-
-// name: creates the segment, writes "mine", says "made" and returns once
-// the file named second exists.
-BMSG_ROLE(creator)
-{
-    SharedMemory seg(args.at(0), 8, true);
-    seg.write("mine", 4, 0);
-    say("made");
-    return bmsg_test::wait_until([&] { return access(args.at(1).c_str(), F_OK) == 0; }) ? 0 : 1;
-}
-
-// name, ms: takes the segment lock, says "locked", then after ms writes 'B'
-// to payload byte 0 behind the class's back and unlocks.
+// name, ms: opens the segment, takes its lock, says "locked", then after ms
+// writes 'B' to payload byte 0 behind the class's back, unlocks and returns.
 BMSG_ROLE(hold_lock)
 {
     SharedMemory peer(args.at(0), 8, false);
-    if (!peer.addr || pthread_mutex_lock(peer.mutex) != 0)
+    if (!peer.addr || peer.owner || pthread_mutex_lock(peer.mutex) != 0)
         return 1;
-    say("locked");
+    printf("locked\n");
+    fflush(stdout);
     usleep(std::stoi(args.at(1)) * 1000);
     static_cast<char*>(peer.addr)[SharedMemory::header_size] = 'B';
     pthread_mutex_unlock(peer.mutex);
     return 0;
 }
 
-TEST(SharedMemory, OnlyTheCreatorUnlinksAcrossProcesses)
+TEST(SharedMemory, OnlyTheCreatorUnlinksCopiesWaitForAnotherProcessAndADeadOwnersLockIsTakenOver)
 {
     const std::string name = unique_name("owner");
     {
         SharedMemory seg(name, 100, true);
-        ASSERT_NE(seg.addr, nullptr);
-        EXPECT_EQ(seg.size, 148u);
-        EXPECT_EQ(static_cast<void*>(seg.mutex), seg.addr);
+        ASSERT_TRUE(seg.addr && seg.size == 148 && static_cast<void*>(seg.mutex) == seg.addr);
         seg.write("hello", 5, 0);
-        Child peer = spawn_role("peer", {name});
-        ASSERT_EQ(peer.wait(), 0) << peer.err();
-        EXPECT_EQ(read_text(seg, 5, 95), "reply");
-        EXPECT_EQ(memcmp(static_cast<char*>(seg.addr) + 48, "hello", 5), 0);
+        bmsg_test::Child holder = bmsg_test::spawn_role("hold_lock", {name, "300"});
+        ASSERT_TRUE(bmsg_test::wait_until([&] { return holder.out() == "locked\n"; })) << holder.err();
+        EXPECT_EQ(text(seg, 5), "Bello") << "a reader that did not wait sees the old byte";
+        EXPECT_EQ(holder.wait(), 0) << holder.err();
         EXPECT_TRUE(exists(name)) << "a process that did not create it left the name";
     }
     EXPECT_FALSE(exists(name)) << "the creator's destructor unlinks";
-
-    const std::string go = "/tmp" + unique_name("go");
-    Child creator = spawn_role("creator", {name, go});
-    ASSERT_TRUE(said(creator, "made")) << creator.err();
-    {
-        SharedMemory other(name, 8, false);
-        ASSERT_NE(other.addr, nullptr);
-        EXPECT_FALSE(other.owner);
-        EXPECT_EQ(read_text(other, 4), "mine");
-    }
-    EXPECT_TRUE(exists(name)) << "our close must not unlink the creator's segment";
-    fclose(fopen(go.c_str(), "w"));
-    EXPECT_EQ(creator.wait(), 0);
-    unlink(go.c_str());
-    EXPECT_FALSE(exists(name)) << "the exiting creator unlinks";
-}
-
-TEST(SharedMemory, CopiesWaitForTheLockHeldByAnotherProcess)
-{
-    const std::string name = unique_name("lock");
-    SharedMemory seg(name, 8, true);
-    Child holder = spawn_role("hold_lock", {name, "300"});
-    ASSERT_TRUE(said(holder, "locked")) << holder.err();
-    EXPECT_EQ(read_text(seg, 1), "B") << "a reader that did not wait sees the old byte";
-    EXPECT_EQ(holder.wait(), 0);
-}
-
-TEST(SharedMemory, LockHeldByAKilledProcessIsTakenOver)
-{
     if (!bmsg_test::robust_futexes())
         GTEST_SKIP() << "this platform has no robust futexes (get_robust_list: ENOSYS)";
-    const std::string name = unique_name("robust");
     SharedMemory seg(name, 8, true);
-    Child holder = spawn_role("hold_lock", {name, "100000"});
-    ASSERT_TRUE(said(holder, "locked"));
-    holder.kill(SIGKILL);
-    EXPECT_EQ(holder.wait(), 128 + SIGKILL);
-    EXPECT_EQ(thrown_by([&] { seg.write("ok", 2, 0); }), "(nothing thrown)");
-    EXPECT_EQ(thrown_by([&] { EXPECT_EQ(read_text(seg, 2), "ok"); }), "(nothing thrown)")
-        << "the lock was made consistent again";
+    bmsg_test::Child dying = bmsg_test::spawn_role("hold_lock", {name, "100000"});
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return dying.out() == "locked\n"; }));
+    dying.kill(SIGKILL);
+    EXPECT_EQ(dying.wait(), 128 + SIGKILL);
+    EXPECT_EQ(thrown_by([&] { seg.write("ok", 2, 0); }), none) << "the dead owner's lock taken over";
+    EXPECT_EQ(text(seg, 2), "ok");
 }
 
 TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)
 {
     SharedMemory seg(unique_name("bounds"), 100, true);
     const std::string over = "Data size exceeds shared memory size: " + seg.name + " ";
-    const std::string under = "Read size exceeds shared memory size";
-    const std::string none = "(nothing thrown)";
-    struct Row {
-        bool write;
-        size_t len, offset;
-        std::string thrown;
-    } rows[] = {
-        {true, 120, 0, over + "120+0>148-48"}, {true, 1, 100, over + "1+100>148-48"},
-        {true, 2, SIZE_MAX, over + "2+" + std::to_string(SIZE_MAX) + ">148-48"},
-        {false, 101, 0, under}, {false, 2, SIZE_MAX, under}, {false, 1, 100, under},
-        {true, 0, 100, none}, {false, 0, 100, none}, {true, 100, 0, none},
-        {false, 100, 0, none}, {true, 1, 99, none}, {false, 1, 99, none},
-    };
+    const std::string under = "Read size exceeds shared memory size", max = std::to_string(SIZE_MAX);
+    const struct { size_t len, offset; std::string write, read; } rows[] = {
+        {101, 0, over + "101+0>148-48", under}, {1, 100, over + "1+100>148-48", under},
+        {2, SIZE_MAX, over + "2+" + max + ">148-48", under}, {SIZE_MAX, 1, over + max + "+1>148-48", under},
+        {0, 100, none, none}, {100, 0, none, none}, {1, 99, none, none}};
     char buf[200] = {};
-    for (const Row& r : rows)
-        EXPECT_EQ(thrown_by([&] { r.write ? seg.write(buf, r.len, r.offset)
-                                          : seg.read(buf, r.len, r.offset); }),
-                  r.thrown)
-            << (r.write ? "write " : "read ") << r.len << "+" << r.offset;
-    // Nothing was copied by a refused write.
-    seg.write("x", 1, 99);
-    EXPECT_NE(thrown_by([&] { seg.write("yy", 2, 99); }), none);
-    EXPECT_EQ(read_text(seg, 1, 99), "x");
+    for (const auto& r : rows) {
+        int called = 0;
+        EXPECT_EQ(thrown_by([&] { seg.write(buf, r.len, r.offset); }), r.write) << r.len << "+" << r.offset;
+        EXPECT_EQ(thrown_by([&] { seg.write(r.len, r.offset, [&](unsigned char*) { ++called; }); }), r.write);
+        EXPECT_EQ(thrown_by([&] { seg.read(buf, r.len, r.offset); }), r.read) << r.len << "+" << r.offset;
+        EXPECT_EQ(thrown_by([&] { seg.read(r.len, r.offset, [&](const unsigned char*) { ++called; }); }), r.read);
+        EXPECT_EQ(called, r.read == none ? 2 : 0);
+    }
 }
 
-TEST(SharedMemory, OpenFailuresLeaveAnInvalidObjectQuietly)
+TEST(SharedMemory, OpenFailsQuietlyCreateThrowsRecreateResizesCloseTwice)
 {
-    const std::string name = unique_name("missing");
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
+    const std::string name = unique_name("open"), huge = unique_name("huge");
     SharedMemory missing(name, 10, false);
     EXPECT_TRUE(!missing.addr && missing.fd == -1 && !missing.mutex && !missing.owner);
-    SharedMemory small(name, 10, true);
-    // A segment shorter than asked for counts as missing (no SIGBUS).
-    SharedMemory bigger(name, 4096, false);
+    SharedMemory first(name, 10, true);
+    first.write("abc", 3, 0);
+    SharedMemory bigger(name, 4096, false);  // shorter than asked: missing, no SIGBUS later
     EXPECT_TRUE(!bigger.addr && bigger.fd == -1);
-    SharedMemory fitting(name, 10, false);
-    EXPECT_NE(fitting.addr, nullptr);
-    SharedMemory exact(name, 0, false);
-    EXPECT_NE(exact.addr, nullptr);
-    fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
-}
-
-TEST(SharedMemory, CreateFailuresThrowAndLeaveNoName)
-{
+    EXPECT_TRUE(SharedMemory(name, 10, false).addr && SharedMemory(name, 0, false).addr);
+    {
+        SharedMemory second(name, 1000, true);
+        EXPECT_EQ(text(second, 3) + text(second, 1, 999), std::string("abc") + '\0') << "the same object, resized";
+        second.close();
+        second.close();
+        EXPECT_TRUE(!second.addr && second.fd == -1 && !second.mutex && !exists(name));
+    }
     testing::internal::CaptureStderr();
     EXPECT_EQ(thrown_by([] { SharedMemory bad("/no/such/dir", 8, true); }),
               "Failed to create shared memory: /no/such/dir");
     EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("shm_open: ", 0), 0u);
-    const std::string huge = unique_name("huge");
-    EXPECT_EQ(thrown_by([&] { SharedMemory h(huge, SIZE_MAX, true); }),
-              "Failed to set size of shared memory");
+    EXPECT_EQ(thrown_by([&] { SharedMemory h(huge, SIZE_MAX, true); }), "Failed to set size of shared memory");
     EXPECT_FALSE(exists(huge)) << "the failed creation removed the name";
-}
-
-TEST(SharedMemory, RecreatingResizesTheSameObjectAndCloseIsIdempotent)
-{
-    const std::string name = unique_name("recreate");
-    SharedMemory first(name, 10, true);
-    first.write("abc", 3, 0);
-    {
-        SharedMemory second(name, 1000, true);
-        struct stat st;
-        ASSERT_EQ(fstat(second.fd, &st), 0);
-        EXPECT_EQ(st.st_size, 1048);
-        EXPECT_EQ(read_text(second, 3), "abc") << "the same object, resized";
-        second.close();
-        second.close();
-        EXPECT_TRUE(second.addr == nullptr && second.fd == -1 && second.mutex == nullptr);
-        EXPECT_FALSE(exists(name)) << "closing an owner unlinked the name";
-    }
-    SharedMemory empty(unique_name("zero"), 0, true);
-    EXPECT_EQ(empty.size, 48u);
-    char c;
-    EXPECT_NE(thrown_by([&] { empty.write(&c, 1, 0); }), "(nothing thrown)");
+    EXPECT_EQ(thrown_by([] { SharedMemory::restrict_mode("/no/such/dir", 0600); }),
+              "Failed to set mode of shared memory: /no/such/dir");
 }
