@@ -1,11 +1,9 @@
-// Fuzzes both forms of Messager::bio_sample_recv and bio_sample_read against
-// any replies: no crash or leak, no write past `out`, an image null or whole
-// with the pixels of a segment of this process: modality <tag>A (room for
-// 4096 pixel bytes) or <tag>B (48); <tag>C has none. <tag> is written
-// @@@@@@@@ in the input. Input: byte 0 the operation (bits 0-1: recv, recv of
-// a vector, read, read of a vector; bit 2: `out` null; bit 3: seal headers),
-// byte 1 the modalities (bits 0-1: one to three; then two bits each: A, B or
-// C), byte 2 `len` (signed), then the replies, one per command.
+// Fuzzes both forms of bio_sample_recv and bio_sample_read against any
+// replies: no crash or leak, no write past `out`, an image null or whole with
+// the pixels of segment <tag>A (4096 pixel bytes) or <tag>B (48); <tag>C has
+// none; <tag> is @@@@@@@@ in the input. Input: byte 0 the form (bits 0-1;
+// bit 2 `out` null, bit 3 seal headers), byte 1 the modalities (bits 0-1 how
+// many, then two bits each: A, B, C), byte 2 `len`, then the replies.
 #include "bimage.h"
 #include "bshmem.h"
 #include "harness.h"

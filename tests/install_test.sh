@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Stages an install of BUILD (DESTDIR), builds tests/install_consumer against
-# it with find_package and with pkg-config, and runs both against a private
-# redis-server. Usage: install_test.sh BUILD SOURCE-DIR WORK-DIR
+# install_test.sh BUILD SOURCE-DIR WORK-DIR: builds tests/install_consumer against a
+# staged install of BUILD with find_package and with pkg-config, runs both on a private redis.
 set -euo pipefail
 build=$1 source=$2 work=$3
 rm -rf "$work" && mkdir -p "$work"

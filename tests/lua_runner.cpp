@@ -1,9 +1,6 @@
-// lua_runner <interpreter> <module-dir> <script> [args...]: runs the script
-// against a private redis-server (BMSG_TEST_PORT, BMSG_TEST_SOCKET and, to
-// kill it, BMSG_TEST_REDIS_PID), with BMSG_TEST_DEAD_PORT free, the module in
-// LUA_CPATH and the helpers in LUA_PATH. The interpreter starts like a
-// program of ours (behind the emulator in cross builds, where it is lua_host).
-// Exits with the script's status; 1 when it ran for 100 s (it is killed).
+// lua_runner <interpreter> <module-dir> <script> [args...]: runs the script,
+// started as a program of ours, against a private redis-server (BMSG_TEST_*),
+// the module in LUA_CPATH; its status, or 1 when killed after 100 s.
 #include "redis_server.h"
 
 #include <unistd.h>

@@ -121,11 +121,6 @@ std::string thrown_by(const std::function<void()>& fn)
     return "(nothing thrown)";
 }
 
-double seconds_since(std::chrono::steady_clock::time_point t)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
-}
-
 bool wait_until(const std::function<bool()>& done)
 {
     for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))

@@ -5,7 +5,6 @@
 
 #include "child.h"
 
-#include <chrono>
 #include <functional>
 
 namespace bmsg_test {
@@ -46,8 +45,6 @@ std::string redis_raw(const RedisServer& server, const char* format, ...);
 
 // The what() of the std::runtime_error fn throws, or "(nothing thrown)".
 std::string thrown_by(const std::function<void()>& fn);
-
-double seconds_since(std::chrono::steady_clock::time_point t);
 
 // Polls `done` every 10 ms for up to 10 s; whether it came true.
 bool wait_until(const std::function<bool()>& done);
