@@ -108,15 +108,23 @@ int64_t send_loan(bMSG::Messager& sender, const std::string& modality, BImage::I
     return filling;
 }
 
+// A sender whose segment for `modality` exists, sized for `image` (filled
+// here), with nothing queued yet.
+std::unique_ptr<bMSG::Messager> ready_sender(const std::string& modality, BImage::Image& image)
+{
+    memset(image.data, 0x5a, image.count());
+    auto sender = bench::messager(true);
+    sender->bio_sample_send(modality.c_str(), &image);  // creates the segment
+    sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
+    return sender;
+}
+
 void sample_shm(benchmark::State& state)
 {
     const std::string modality = modality_for(state);
     BImage::Image image(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
                         format_of(static_cast<int>(state.range(2))), nullptr);
-    memset(image.data, 0x5a, image.count());
-    auto sender = bench::messager(true);
-    sender->bio_sample_send(modality.c_str(), &image);  // creates the segment
-    sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
+    auto sender = ready_sender(modality, image);
     transfer_loop(
         state, transfers, [&] { return send_copy(*sender, modality, image); },
         [&, receiver = std::unique_ptr<bMSG::Messager>()]() mutable {
@@ -138,10 +146,7 @@ void sample_direct(benchmark::State& state, bool loan, bool into)
     const std::string modality = modality_for(state) + (loan ? "l" : "s") + (into ? "i" : "v");
     BImage::Image image(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
                         format_of(static_cast<int>(state.range(2))), nullptr);
-    memset(image.data, 0x5a, image.count());
-    auto sender = bench::messager(true);
-    sender->bio_sample_send(modality.c_str(), &image);  // creates the segment
-    sender->list_clear((std::string(sender->bio_sample) + modality).c_str());
+    auto sender = ready_sender(modality, image);
     BImage::Image reused(0, 0, BImage::GRAY8, nullptr);
     transfer_loop(
         state, transfers,
