@@ -77,3 +77,4 @@ for _, c in ipairs({ { "get", { n = 2, nil, "redis reply is NULL" } }, { "bio_cm
   { "bio_cmd_clear", { -3 } }, { "bio_cmd_recv", { n = 1, nil } }, { "set", { "v" } } }) do
   t.same(c[1] .. " after the kill", c[2], m[c[1]](m, "k", "v"))
 end
+for _, x in ipairs({ hl, hs, herr }) do t.same("unsubscribe of a subscription the kill ended", { true }, m.unsubscribe(x)) end
