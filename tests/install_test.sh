@@ -16,6 +16,6 @@ for mode in OFF ON; do
     -DUSE_PKGCONFIG=$mode -DCMAKE_PREFIX_PATH="$work/stage$prefix" >/dev/null
   cmake --build "$work/consumer-$mode" >/dev/null
   for _ in $(seq 100); do [ -S "$work/redis.sock" ] && break; sleep 0.05; done
-  LD_LIBRARY_PATH="$libdir" "$work/consumer-$mode/consumer" "$work/redis.sock"
+  LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" "$work/consumer-$mode/consumer" "$work/redis.sock"
   echo "consumer built with $([ $mode = ON ] && echo pkg-config || echo find_package) ran"
 done
