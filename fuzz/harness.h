@@ -90,13 +90,9 @@ struct Guarded {
     std::string bytes;
 };
 
-inline void (*on_failure)() = nullptr;  // run by a failed check before abort()
-
 [[noreturn]] inline void fail(const char* what, const char* file, int line)
 {
     fprintf(stderr, "%s:%d: contract broken: %s\n", file, line, what);
-    if (on_failure)
-        on_failure();
     abort();
 }
 

@@ -1,9 +1,13 @@
-// Fuzzes the reply handling of Messager::get (four forms) and list_recv: no
-// crash, no write past the caller's buffers. Input: byte 0 the operation, its
-// parameters, then the reply. get (even): form (modulo 4), text buffer size.
-// list_recv (odd): flags (bit 0 BRPOP, bit 1 key buffer, bit 2 size -1), size
-// (unless bit 2), key size (signed).
+// Fuzzes the reply handling of Messager::get (four forms), list_recv and the Lua get: no
+// crash, no write past the caller's buffers, in Lua one value or nil and a message. Input:
+// byte 0 the operation (modulo 3), its parameters, then the reply. get: form (modulo 4),
+// text buffer size. list_recv: flags (bit 0 BRPOP, bit 1 key buffer, bit 2 size -1), size
+// (unless bit 2), key size (signed). Lua get: none.
 #include "harness.h"
+
+#include <lua.hpp>
+
+extern "C" int luaopen_bmsg(lua_State* L);
 
 namespace {
 
@@ -13,9 +17,7 @@ void get(bmsg_fuzz::Input& in)
     bmsg_fuzz::Guarded text(static_cast<size_t>(size));
     bmsg_fuzz::exchange({in.rest()}, [&](const char* at) {
         bMSG::Messager m(at, 0, 1);
-        int i;
-        float f;
-        unsigned long u;
+        int i;  float f;  unsigned long u;
         form == 0 ? m.get("k", text.get(), size)
                   : form == 1 ? m.get("k", &i) : form == 2 ? m.get("k", &f) : m.get("k", &u);
     });
@@ -40,6 +42,21 @@ void list_recv(bmsg_fuzz::Input& in)
     BMSG_FUZZ_CHECK(value.intact() && key.intact() && rc <= static_cast<int>(value.size));
 }
 
+void lua_get(bmsg_fuzz::Input& in)
+{
+    bmsg_fuzz::exchange({in.rest()}, [&](const char* at) {
+        lua_State* L = luaL_newstate();
+        luaL_openlibs(L);
+        lua_register(L, "open_bmsg", luaopen_bmsg);
+        const std::string script = "local function fine(n, v, m) return n == 1 or n == 2 and v == nil and "
+                                   "type(m) == 'string' end local function count(...) return select('#', ...), ... end "
+                                   "return fine(count(open_bmsg().messager.new('" + std::string(at) + "', 0, 1):get('k')))";
+        BMSG_FUZZ_CHECK(luaL_dostring(L, script.c_str()) == 0 &&
+                        lua_toboolean(L, -1));
+        lua_close(L);  // finalises the messager, which closes its connection
+    });
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -47,6 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     bmsg_fuzz::Input in{data, size};
     if (bmsg_fuzz::declares_huge_array(in.rest()))
         return -1;
-    in.byte() % 2 ? list_recv(in) : get(in);
+    const int op = in.byte() % 3;
+    op == 0 ? get(in) : op == 1 ? list_recv(in) : lua_get(in);
     return 0;
 }

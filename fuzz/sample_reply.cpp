@@ -8,10 +8,7 @@
 #include "bshmem.h"
 #include "harness.h"
 
-#include <sys/mman.h>
 #include <unistd.h>
-
-extern "C" void __sanitizer_set_death_callback(void (*callback)(void)) __attribute__((weak));
 
 namespace {
 
@@ -43,12 +40,6 @@ Segments& segments()
     return own;
 }
 
-void clean_up()
-{
-    for (const auto& s : segments().owned)
-        shm_unlink(s->name.c_str());
-}
-
 bool from_a_segment(const BImage::Image& image)
 {
     for (char m : {'A', 'B'}) {
@@ -66,9 +57,6 @@ bool from_a_segment(const BImage::Image& image)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string& tag = segments().tag;
-    bmsg_fuzz::on_failure = clean_up;
-    if (__sanitizer_set_death_callback)
-        __sanitizer_set_death_callback(clean_up);
     bmsg_fuzz::Input in{data, size};
     const uint8_t op = in.byte(), pick = in.byte();
     const int len = static_cast<int8_t>(in.byte());

@@ -1,5 +1,6 @@
 // Messager against a private redis-server, no server, a server killed by pid,
 // hostile names and formats, and replies only a scripted peer sends.
+#include "bimage.h"
 #include "bmessager.h"
 #include "bshmem.h"
 #include "fake_redis.h"
@@ -306,6 +307,18 @@ TEST(ScriptedPeer, PublishAndSubscribeRepliesOfEveryShape)
                   });
               }), 0);
     EXPECT_EQ(got, (std::vector<std::string>{"C=one", "C=two"}));
+}
+
+TEST(ScriptedPeer, SampleReceiversTakeOnlyAPrefixedKeyAndValuePair)
+{
+    FakeRedis peer;
+    const std::string pair = "$18\r\nBIOMETRIC_SAMPLE_m\r\n$1\r\nx\r\n";
+    const Captured three = run_captured([&] {
+        return against(peer, "*3\r\n" + pair + "$1\r\nx\r\n", [&](M& m) { return !!std::unique_ptr<BImage::Image>(m.bio_sample_recv({"m"}, 1, buf, 16)); });
+    });
+    EXPECT_EQ(std::to_string(three.status) + three.out + three.err, "0") << "three elements: no pop reply, nothing reported";
+    for (const std::string& bad : std::vector<std::string>{"*2\r\n$3\r\nXYZ\r\n$1\r\nx\r\n", "*2\r\n:1\r\n$1\r\nx\r\n", "*2\r\n" + pair.substr(0, 25) + ":1\r\n"})
+        EXPECT_EQ(against(peer, bad, [&](M& m) { return m.bio_sample_view({"m"}, 1, [](int, int, BImage::ImageFormat, const unsigned char*) {}); }), -6) << bad;
 }
 
 #if HIREDIS_MAJOR >= 1  // 0.14 has no bound on declared lengths
