@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 namespace bMSG {
 
@@ -90,14 +91,13 @@ void set_error(redisContext* c, int type, const char* text)
 // so redisGetReply only reads.
 Reply send_and_read(redisContext* c, char* cmd, long long len)
 {
+    const std::unique_ptr<char, void (*)(char*)> owned(cmd, redisFreeCommand);
     if (len == -1)
         set_error(c, REDIS_ERR_OOM, "Out of memory");
     else if (len < 0)
         set_error(c, REDIS_ERR_OTHER, "Invalid format string");
-    if (len < 0 || c->err) {
-        redisFreeCommand(cmd);
+    if (len < 0 || c->err)
         return nullptr;
-    }
     for (long long done = 0; done < len;) {
         const ssize_t n = send(c->fd, cmd + done, static_cast<size_t>(len - done), MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
@@ -105,12 +105,10 @@ Reply send_and_read(redisContext* c, char* cmd, long long len)
         if (n <= 0) {
             char text[128];
             set_error(c, REDIS_ERR_IO, strerror_r(errno, text, sizeof text));
-            redisFreeCommand(cmd);
             return nullptr;
         }
         done += n;
     }
-    redisFreeCommand(cmd);
     void* reply = nullptr;
     if (redisGetReply(c, &reply) != REDIS_OK)
         return nullptr;

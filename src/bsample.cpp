@@ -71,26 +71,48 @@ SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_
     return found->second;
 }
 
+// Decodes a descriptor; false when it is not one. A parser that succeeds
+// without setting the format leaves NV12 (3).
+bool parse_descriptor(const char* d, size_t n, int& width, int& height,
+                      BImage::ImageFormat& format, size_t& length)
+{
+    unsigned int w = 0;
+    unsigned int h = 0;
+    unsigned long size = 0;
+    format = BImage::NV12;
+    // parse_image_header reads 32 bytes: a shorter value must not reach it.
+    if (n != sample_header ||
+        BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(d), w, h, size,
+                                          format) < 1)
+        return false;
+    width = static_cast<int>(w);
+    height = static_cast<int>(h);
+    length = size;
+    return true;
+}
+
+// Writes the modality NUL-terminated into out; false when it does not fit
+// (or there is no room at all).
+bool copy_modality(char* out, int len, const std::string& modality)
+{
+    return out && len > 0 && snprintf(out, static_cast<size_t>(len), "%s", modality.c_str()) < len;
+}
+
 // Decodes a descriptor, allocates the image and copies its pixels out of the
 // modality's segment, opening that segment on first use. Null after a
 // report; `missing` is set when the segment could not be opened.
 BImage::Image* load_sample(Messager& bus, const char* func, const char* descriptor, size_t length,
                            const std::string& modality, bool* missing = nullptr)
 {
-    unsigned int width = 0;
-    unsigned int height = 0;
-    unsigned long size = 0;
-    // A parser that succeeds without setting the format leaves NV12 (3).
-    BImage::ImageFormat format = BImage::NV12;
-    // parse_image_header reads 32 bytes: a shorter value must not reach it.
-    if (length != sample_header ||
-        BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(descriptor),
-                                          width, height, size, format) < 1) {
+    int width = 0;
+    int height = 0;
+    BImage::ImageFormat format;
+    size_t size = 0;
+    if (!parse_descriptor(descriptor, length, width, height, format, size)) {
         BMSG_REPORT(func, "load image failed");
         return nullptr;
     }
-    std::unique_ptr<BImage::Image> image(
-        new BImage::Image(static_cast<int>(width), static_cast<int>(height), format, nullptr));
+    std::unique_ptr<BImage::Image> image(new BImage::Image(width, height, format, nullptr));
     if (!image->data && image->count() != 0) {
         BMSG_REPORT(func, "load image failed");
         return nullptr;
@@ -104,33 +126,6 @@ BImage::Image* load_sample(Messager& bus, const char* func, const char* descript
     }
     segment->read(image->data, pixel_length(*image), sample_header);
     return image.release();
-}
-
-// Parses a 32-byte descriptor; false when it is not one.
-bool parse_descriptor(const std::string& d, int& width, int& height, BImage::ImageFormat& format,
-                      size_t& length)
-{
-    unsigned int w = 0;
-    unsigned int h = 0;
-    unsigned long size = 0;
-    format = BImage::NV12;
-    if (d.size() != sample_header ||
-        BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(d.data()), w, h,
-                                          size, format) < 1)
-        return false;
-    width = static_cast<int>(w);
-    height = static_cast<int>(h);
-    length = size;
-    return true;
-}
-
-// Pixel length of an image shape, 0 when it has none or more than a record
-// can allocate.
-size_t shape_length(int width, int height, BImage::ImageFormat format)
-{
-    unsigned char borrowed = 0;
-    const BImage::Image shape(width, height, format, &borrowed);
-    return shape.count() > 0 ? static_cast<size_t>(shape.count()) : 0;
 }
 
 // Makes `image` hold `length` bytes of pixels for the new shape, reusing its
@@ -202,14 +197,14 @@ int Messager::bio_sample_loan(const char* modality, int width, int height,
 {
     if (!ensure_connected())
         return -1;
-    const size_t length = shape_length(width, height, format);
-    if (length == 0)
+    unsigned char borrowed = 0;  // the shape's pixels: none is allocated
+    const BImage::Image shape(width, height, format, &borrowed);
+    if (shape.count() <= 0)
         return -10;
+    const size_t length = static_cast<size_t>(shape.count());
     const std::string name(modality);
     if (name.find(' ') != std::string::npos)
         return -2;
-    unsigned char borrowed = 0;
-    const BImage::Image shape(width, height, format, &borrowed);
     const unsigned char* header = shape.format_header();
     SharedMemory* segment = sender_segment(name, sample_header + length);
     // Pixels, then the header in the same lock section: a reader never sees
@@ -241,25 +236,21 @@ int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout
     argv.push_back(seconds.c_str());
     lengths.push_back(seconds.size());
     Reply r = command_argv(context, static_cast<int>(argv.size()), argv.data(), lengths.data());
-    if (r && r->type == REDIS_REPLY_ARRAY && r->elements == 2) {
-        const redisReply* key = r->element[0];
-        const redisReply* value = r->element[1];
-        const size_t prefix = strlen(bio_sample);
-        if (key->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING ||
-            key->len < prefix || strncmp(key->str, bio_sample, prefix) != 0)
-            return -6;
-        modality.assign(key->str + prefix, key->len - prefix);
-        descriptor.assign(value->str, value->len);
-    }
     if (!r)
         return -3;
     if (r->type == REDIS_REPLY_NIL)
         return 0;
-    if (descriptor.empty())
+    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2)
         return -6;
-    if (out && (len <= 0 || snprintf(out, static_cast<size_t>(len), "%s", modality.c_str()) >= len))
-        return -5;
-    return 1;
+    const redisReply* key = r->element[0];
+    const redisReply* value = r->element[1];
+    const size_t prefix = strlen(bio_sample);
+    if (key->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING || value->len == 0 ||
+        key->len < prefix || strncmp(key->str, bio_sample, prefix) != 0)
+        return -6;
+    modality.assign(key->str + prefix, key->len - prefix);
+    descriptor.assign(value->str, value->len);
+    return out && !copy_modality(out, len, modality) ? -5 : 1;
 }
 
 int Messager::view_sample(const std::string& modality, const std::string& descriptor,
@@ -270,7 +261,7 @@ int Messager::view_sample(const std::string& modality, const std::string& descri
     int height = 0;
     BImage::ImageFormat format;
     size_t length = 0;
-    if (!parse_descriptor(descriptor, width, height, format, length))
+    if (!parse_descriptor(descriptor.data(), descriptor.size(), width, height, format, length))
         return -6;
     if (prepare && !prepare(width, height, format, length))
         return -10;
@@ -321,7 +312,7 @@ BImage::Image* Messager::bio_sample_recv_any(const std::vector<const char*>& mod
         BMSG_REPORT("bio_sample_recv_any", "bad data type");
     if (rc != 1)
         return nullptr;
-    if (!out || len <= 0 || snprintf(out, static_cast<size_t>(len), "%s", modality.c_str()) >= len) {
+    if (!copy_modality(out, len, modality)) {
         BMSG_REPORT("bio_sample_recv_any", "buffer size too small: %d", len);
         return nullptr;
     }
@@ -371,7 +362,7 @@ BImage::Image* Messager::bio_sample_recv(std::vector<const char*> modalities, in
         return nullptr;
     }
     const std::string modality(key->str + prefix, key->len - prefix);
-    if (!out || len <= 0 || snprintf(out, static_cast<size_t>(len), "%s", modality.c_str()) >= len) {
+    if (!copy_modality(out, len, modality)) {
         BMSG_REPORT("bio_sample_recv", "buffer size too small: %d", len);
         return nullptr;
     }

@@ -18,11 +18,15 @@ constexpr const char* lists_help =
     "LIST is a key or a named list: device (DEVICE_CMD), cmd (BIO_CMD), "
     "info (MAIN_BIOMETRIC_INFO), resp (BIOMETRIC_RESP)";
 
-// Runs `work` on a fresh connection; 1 when there is none.
-int with_bus(const Options& o, const std::function<int(bMSG::Messager&)>& work)
+// Makes `sub` run `work` on a fresh connection (1 when there is none).
+void on_bus(CLI::App* sub, Action& action, int (*work)(bMSG::Messager&))
 {
-    auto bus = open_bus(o);
-    return bus ? work(*bus) : 1;
+    sub->callback([&action, work] {
+        action = [work](const Options& o) {
+            auto bus = open_bus(o);
+            return bus ? work(*bus) : 1;
+        };
+    });
 }
 
 int checked(int rc, const std::string& what)
@@ -36,56 +40,40 @@ void add_bus_commands(CLI::App& app, Action& action)
     static std::string key, value, list, channel;
     static int seconds = 0;
 
-    app.add_subcommand("ping", "Check that the server answers")->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                redisReply* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING"));
-                if (!reply)
-                    return fail("no answer to PING");
-                puts(reply->type == REDIS_REPLY_STATUS ? reply->str : "unexpected reply");
-                const bool pong = reply->type == REDIS_REPLY_STATUS;
-                freeReplyObject(reply);
-                return pong ? 0 : 1;
-            });
-        };
+    on_bus(app.add_subcommand("ping", "Check that the server answers"), action, [](bMSG::Messager& bus) {
+        redisReply* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING"));
+        if (!reply)
+            return fail("no answer to PING");
+        puts(reply->type == REDIS_REPLY_STATUS ? reply->str : "unexpected reply");
+        const bool pong = reply->type == REDIS_REPLY_STATUS;
+        freeReplyObject(reply);
+        return pong ? 0 : 1;
     });
 
     auto* get = app.add_subcommand("get", "Print a setting (empty when missing or over 1 MiB)");
     get->add_option("KEY", key)->required();
-    get->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                std::vector<char> text(value_max + 1, '\0');
-                if (int rc = bus.get(key.c_str(), text.data(), value_max); rc < 0)
-                    return checked(rc, "GET");
-                puts(text.data());
-                return 0;
-            });
-        };
+    on_bus(get, action, [](bMSG::Messager& bus) {
+        std::vector<char> text(value_max + 1, '\0');
+        if (int rc = bus.get(key.c_str(), text.data(), value_max); rc < 0)
+            return checked(rc, "GET");
+        puts(text.data());
+        return 0;
     });
 
     auto* set = app.add_subcommand("set", "Store a setting as text");
     set->add_option("KEY", key)->required();
     set->add_option("VALUE", value)->required();
-    set->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                return checked(bus.set(key.c_str(), value.c_str()), "SET");
-            });
-        };
+    on_bus(set, action, [](bMSG::Messager& bus) {
+        return checked(bus.set(key.c_str(), value.c_str()), "SET");
     });
 
     auto* push = app.add_subcommand("push", "Push TEXT onto LIST");
     push->add_option("LIST", list)->required();
     push->footer(lists_help);
     push->add_option("TEXT", value)->required();
-    push->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                return checked(bus.list_send(bmsg_tool::list_key(list).c_str(), "%s", value.c_str()),
-                               "push");
-            });
-        };
+    on_bus(push, action, [](bMSG::Messager& bus) {
+        return checked(bus.list_send(bmsg_tool::list_key(list).c_str(), "%s", value.c_str()),
+                       "push");
     });
 
     auto* pop = app.add_subcommand(
@@ -96,60 +84,44 @@ void add_bus_commands(CLI::App& app, Action& action)
     pop->add_option("-t,--timeout", seconds, "Wait up to SECONDS for one (default 0: do not wait)")
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber);
-    pop->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                std::vector<char> text(value_max);
-                const std::string k = bmsg_tool::list_key(list);
-                const int n = bus.list_recv(k.c_str(), text.data(), value_max, seconds, nullptr, 0);
-                if (n < 0)
-                    return checked(n, "pop");
-                if (n == 0)
-                    return fail("nothing on " + k);
-                fwrite(text.data(), 1, static_cast<size_t>(n), stdout);
-                putchar('\n');
-                return 0;
-            });
-        };
+    on_bus(pop, action, [](bMSG::Messager& bus) {
+        std::vector<char> text(value_max);
+        const std::string k = bmsg_tool::list_key(list);
+        const int n = bus.list_recv(k.c_str(), text.data(), value_max, seconds, nullptr, 0);
+        if (n < 0)
+            return checked(n, "pop");
+        if (n == 0)
+            return fail("nothing on " + k);
+        fwrite(text.data(), 1, static_cast<size_t>(n), stdout);
+        putchar('\n');
+        return 0;
     });
 
     auto* len = app.add_subcommand("len", "Print the length of LIST");
     len->add_option("LIST", list)->required();
     len->footer(lists_help);
-    len->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                const int n = bus.list_size(bmsg_tool::list_key(list).c_str());
-                if (n >= 0)
-                    printf("%d\n", n);
-                return checked(n, "LLEN");
-            });
-        };
+    on_bus(len, action, [](bMSG::Messager& bus) {
+        const int n = bus.list_size(bmsg_tool::list_key(list).c_str());
+        if (n >= 0)
+            printf("%d\n", n);
+        return checked(n, "LLEN");
     });
 
     auto* clear = app.add_subcommand("clear", "Delete LIST");
     clear->add_option("LIST", list)->required();
     clear->footer(lists_help);
-    clear->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                return checked(bus.list_clear(bmsg_tool::list_key(list).c_str()), "DEL");
-            });
-        };
+    on_bus(clear, action, [](bMSG::Messager& bus) {
+        return checked(bus.list_clear(bmsg_tool::list_key(list).c_str()), "DEL");
     });
 
     auto* publish = app.add_subcommand("publish", "Publish TEXT on CHANNEL, print the receivers");
     publish->add_option("CHANNEL", channel)->required();
     publish->add_option("TEXT", value)->required();
-    publish->callback([&] {
-        action = [](const Options& o) {
-            return with_bus(o, [](bMSG::Messager& bus) {
-                const int n = bus.publish(channel.c_str(), "%s", value.c_str());
-                if (n >= 0)
-                    printf("%d\n", n);
-                return checked(n, "PUBLISH");
-            });
-        };
+    on_bus(publish, action, [](bMSG::Messager& bus) {
+        const int n = bus.publish(channel.c_str(), "%s", value.c_str());
+        if (n >= 0)
+            printf("%d\n", n);
+        return checked(n, "PUBLISH");
     });
 }
 
