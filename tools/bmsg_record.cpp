@@ -199,13 +199,17 @@ struct Recorder {
     }
 
     // The reader thread: lines off the MONITOR connection until asked to
-    // stop, the time is up or the connection ends.
+    // stop or the time is up, then what has already arrived (for a second
+    // at most), or until the connection ends.
     void read(redisContext* c)
     {
         std::vector<std::string> args;
         std::vector<recording::Event> events;
         std::string why;
-        while (why.empty() && !stop_requested && Clock::now() < deadline) {
+        auto drain_end = Clock::time_point::max();
+        while (why.empty() && Clock::now() < drain_end) {
+            if (drain_end == Clock::time_point::max() && (stop_requested || Clock::now() >= deadline))
+                drain_end = Clock::now() + std::chrono::seconds(1);
             void* r = nullptr;
             if (redisGetReplyFromReader(c, &r) != REDIS_OK) {
                 why = c->errstr;
@@ -213,8 +217,11 @@ struct Recorder {
             }
             if (!r) {
                 pollfd p = {c->fd, POLLIN, 0};
-                if (poll(&p, 1, 100) > 0 && redisBufferRead(c) != REDIS_OK)
+                const int ready = poll(&p, 1, drain_end == Clock::time_point::max() ? 100 : 0);
+                if (ready > 0 && redisBufferRead(c) != REDIS_OK)
                     why = c->errstr[0] ? c->errstr : "connection closed";
+                else if (ready <= 0 && drain_end != Clock::time_point::max())
+                    break;
                 continue;
             }
             auto* reply = static_cast<redisReply*>(r);
