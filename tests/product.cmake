@@ -4,6 +4,9 @@
 bmsg_add_gtest(test_tool test_tool.cpp)
 target_link_libraries(test_tool PRIVATE bmsg_picture)
 target_compile_definitions(test_tool PRIVATE BMSG_TOOL="$<TARGET_FILE:bmsg_tool>")
+bmsg_add_gtest(test_record test_record.cpp)
+target_link_libraries(test_record PRIVATE bmsg_picture)
+target_compile_definitions(test_record PRIVATE BMSG_TOOL="$<TARGET_FILE:bmsg_tool>")
 if(NOT CMAKE_CROSSCOMPILING AND NOT BMSG_SANITIZE)
   add_test(NAME demo COMMAND ${PROJECT_SOURCE_DIR}/examples/demo/run.sh ${PROJECT_BINARY_DIR}
            ${CMAKE_CURRENT_BINARY_DIR}/demo-out 3)

@@ -149,6 +149,7 @@ int main(int argc, char** argv)
     bmsg_tool::add_subscribe_command(app, action);
     bmsg_tool::add_watch_command(app, action);
     bmsg_tool::add_sample_commands(app, action);
+    bmsg_tool::add_record_commands(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

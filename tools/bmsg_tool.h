@@ -45,6 +45,8 @@ std::string now_text();
 void add_sample_commands(CLI::App& app, Action& action);
 void add_watch_command(CLI::App& app, Action& action);
 void add_subscribe_command(CLI::App& app, Action& action);
+// record, play, info and export (bmsg_record.cpp and its neighbours).
+void add_record_commands(CLI::App& app, Action& action);
 
 } // namespace bmsg_tool
 

@@ -1,0 +1,154 @@
+// bmsg record, info, export and play as processes against private servers.
+#include "bmessager.h"
+#include "bshmem.h"
+#include "child.h"
+#include "picture.h"
+#include "redis_server.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <numeric>
+#include <sstream>
+
+using bmsg_test::RedisServer;
+
+namespace {
+
+std::string every_byte = [] { std::string b(256, 0); std::iota(b.begin(), b.end(), 0); return b; }();
+
+bmsg_test::Captured tool(const std::vector<std::string>& args)
+{
+    bmsg_test::Child c = bmsg_test::spawn_program(BMSG_TOOL, args);
+    return {c.wait(), c.out(), c.err()};
+}
+
+// A recorder, returned once the server counts it as a monitor.
+bmsg_test::Child recorder(const RedisServer& server, std::vector<std::string> args)
+{
+    args.insert(args.begin(), {"-s", server.socket(), "record"});
+    bmsg_test::Child c = bmsg_test::spawn_program(BMSG_TOOL, args);
+    EXPECT_TRUE(bmsg_test::wait_until([&] { return bmsg_test::redis_raw(server, "CLIENT LIST").find("cmd=monitor") != std::string::npos; }));
+    return c;
+}
+
+// The count `bmsg info` gives for a kind and a list, channel or key; -1 when absent.
+long long counted(const std::string& file, const std::string& kind, const std::string& name)
+{
+    std::istringstream in(tool({"info", file}).out);
+    std::string line, k, n;
+    for (long long count; std::getline(in, line);)
+        if (std::istringstream(line) >> k >> n >> count && k == kind && n == name)
+            return count;
+    return -1;
+}
+
+// Commands, information, a response, statuses, a setting and a sample, as the device's
+// processes send them. The segment stays (owner off) for the recorder to read after the push.
+void exchange(const RedisServer& server, const std::string& modality, BImage::Image& image)
+{
+    bMSG::Messager m(server.socket().c_str(), 0, 1);
+    m.bio_cmd_send("%s", "capture:1"), m.device_cmd_send("%s", "reset"), m.bio_info_send("%s", "finger present");
+    m.list_send(m.bio_cmd, "%b", every_byte.data(), every_byte.size());
+    m.system_publish("%s", "capturing"), m.publish(m.system_status, "%s", "idle"), m.set("exposure", 2.5f);
+    m.bio_resp_send("%s", "captured 1");
+    ASSERT_EQ(m.bio_sample_send(modality.c_str(), &image), 0);
+    m.segments[modality]->owner = false;
+}
+
+// What a consumer takes off the server: every named list, the setting and the sample's pixels.
+std::string consume(const RedisServer& server, const std::string& modality)
+{
+    bMSG::Messager m(server.socket().c_str(), 0, 1);
+    std::string got;
+    char buffer[512] = {};
+    for (const char* key : {m.device_cmd, m.bio_cmd, m.bio_info, m.bio_resp})
+        for (int n; (n = m.list_recv(key, buffer, sizeof buffer, 0, nullptr, 0)) > 0;)
+            got += std::string(key) + ": " + std::string(buffer, n) + "\n";
+    memset(buffer, 0, sizeof buffer);
+    m.get("exposure", buffer, sizeof buffer);
+    std::unique_ptr<BImage::Image> s(m.bio_sample_recv_any({modality.c_str()}, 1, buffer, sizeof buffer));
+    return got + "exposure " + buffer + "\n" + (s ? std::string(reinterpret_cast<char*>(s->data), s->count()) : "no sample");
+}
+
+} // namespace
+
+TEST(Record, ExchangeRecordedExportedAndPlayedBack)
+{
+    RedisServer plain, recorded, fresh;
+    const std::string modality = "rec" + std::to_string(getpid()), file = recorded.dir() + "/rec.db";
+    BImage::Image image(64, 48, BImage::GRAY8, nullptr);
+    for (int i = 0; i < image.count(); ++i) image.data[i] = static_cast<unsigned char>(i * 7);
+    exchange(plain, modality, image);
+    const std::string without = consume(plain, modality);
+    EXPECT_NE(without.find("BIO_CMD: " + every_byte), std::string::npos);
+
+    bmsg_test::Child rec = recorder(recorded, {"-o", file, "--samples"});
+    exchange(recorded, modality, image);
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", "BIOMETRIC_SAMPLE_" + modality) == 1; }));
+    EXPECT_EQ(consume(recorded, modality), without);  // the recorder took nothing
+    rec.kill(SIGINT);
+    EXPECT_EQ(rec.wait(), 0) << rec.err();
+    const struct { const char* kind; const char* name; long long count; } rows[] = {
+        {"push", "BIO_CMD", 2}, {"push", "DEVICE_CMD", 1}, {"push", "MAIN_BIOMETRIC_INFO", 1},
+        {"push", "BIOMETRIC_RESP", 1}, {"publish", "SYSTEM_STATUS", 2}, {"set", "exposure", 1}};
+    for (const auto& row : rows)
+        EXPECT_EQ(counted(file, row.kind, row.name), row.count) << row.kind << " " << row.name;
+    EXPECT_NE(tool({"info", file}).out.find("64x48 GRAY8 1 samples, 0 missed"), std::string::npos);
+
+    const std::string dir = recorded.dir() + "/export";
+    ASSERT_EQ(tool({"export", file, "-o", dir}).status, 0);
+    picture::Picture png; std::string error;
+    ASSERT_TRUE(picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
+    EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u);
+    std::stringstream jsonl;
+    jsonl << std::ifstream(dir + "/events.jsonl").rdbuf();
+    EXPECT_NE(jsonl.str().find("\\u001f !\\\"#"), std::string::npos);               // controls, quote
+    EXPECT_NE(jsonl.str().find("~\\u007f\\udc80\\udc81"), std::string::npos);  // not UTF-8
+
+    // Played into a fresh server: the same to its consumer (pixels through the player's segment).
+    shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
+    bmsg_test::Child sub = bmsg_test::spawn_program(BMSG_TOOL, {"-s", fresh.socket(), "subscribe", "SYSTEM_STATUS", "-n", "2"});
+    ASSERT_TRUE(bmsg_test::wait_subscribers(fresh, "SYSTEM_STATUS", 1));
+    const auto played = tool({"-s", fresh.socket(), "play", file, "--rate", "0"});
+    EXPECT_EQ(std::to_string(played.status) + " " + played.out, "0 played 9 events\n") << played.err;
+    EXPECT_EQ(consume(fresh, modality), without);
+    EXPECT_EQ(sub.wait(), 0);
+    EXPECT_NE(sub.out().find("SYSTEM_STATUS capturing\n"), std::string::npos) << sub.out();
+    shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
+}
+
+TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
+{
+    RedisServer server;
+    const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_none" + std::to_string(getpid());
+    bmsg_test::Child rec = recorder(server, {"-o", file});
+    for (int i = 0; i < 3; ++i)
+        bmsg_test::redis_raw(server, "LPUSH BIO_CMD x%d", i);
+    bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", key) == 1; }));
+    rec.kill(SIGKILL), rec.wait();
+    struct stat db = {}, wal = {};
+    EXPECT_TRUE(!stat(file.c_str(), &db) && !stat((file + "-wal").c_str(), &wal) && (db.st_mode & 0777) == 0600 && (wal.st_mode & 0777) == 0600);
+    EXPECT_EQ(counted(file, "push", "BIO_CMD"), 3);
+    EXPECT_NE(tool({"info", file}).out.find("cut short"), std::string::npos);
+    std::ofstream(server.dir() + "/text.db") << "not a database\n";
+
+    // Exit status 2 on bad usage, 1 when the work fails (one line on stderr).
+    const std::string& s = server.socket();
+    const struct { std::vector<std::string> args; int status; } rows[] = {
+        {{"record"}, 2}, {{"-s", s, "record", "-o", file}, 1}, {{"info"}, 2}, {{"info", file + "x"}, 1},
+        {{"info", server.dir() + "/text.db"}, 1}, {{"export", file}, 2}, {{"play", file, "--rate", "-1"}, 2},
+        {{"-s", s, "play", file, "--rate", "0"}, 1},  // the sample has no pixels
+        {{"-s", s, "play", file, "--rate", "0", "--only", "BIO_*"}, 0}};
+    for (const auto& row : rows) {
+        const auto r = tool(row.args);
+        EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;
+        EXPECT_TRUE(row.status != 1 || std::count(r.err.begin(), r.err.end(), '\n') == 1) << r.err;
+    }
+}

@@ -1,0 +1,231 @@
+// bmsg info: what a recording holds. bmsg export: its samples as PNG files
+// and its events as JSON lines.
+#include "bimage.h"
+#include "bmsg_record.h"
+#include "picture.h"
+#include "recording.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+
+namespace bmsg_tool {
+
+namespace {
+
+std::string file_name, directory;
+
+// Width, height and format of a descriptor; false when it is not one.
+bool shape(const std::string& descriptor, unsigned int& width, unsigned int& height,
+           BImage::ImageFormat& format)
+{
+    unsigned long size;
+    return descriptor.size() == BImage::Image::header_size &&
+           BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(descriptor.data()),
+                                             width, height, size, format);
+}
+
+std::string local_time(int64_t us)
+{
+    const time_t seconds = static_cast<time_t>(us / 1000000);
+    tm local = {};
+    localtime_r(&seconds, &local);
+    char text[32];
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+int info(const Options&)
+{
+    std::string error;
+    auto file = recording::File::open(file_name, error);
+    if (!file)
+        return fail(file_name + ": " + error);
+    std::map<std::pair<std::string, std::string>, long long> rows;
+    struct Shapes {
+        long long count = 0, missed = 0;
+    };
+    std::map<std::string, Shapes> shapes;  // "list WxH FORMAT"
+    int64_t last = 0;
+    long long total = 0;
+    const bool read = file->each(
+        [&](const recording::Event& e) {
+            ++rows[{e.kind, e.name}];
+            ++total;
+            last = e.time_us;
+            if (e.kind != "sample")
+                return true;
+            unsigned int width, height;
+            BImage::ImageFormat format;
+            Shapes& s = shapes[e.name + (shape(e.payload, width, height, format)
+                                             ? " " + std::to_string(width) + "x" + std::to_string(height) +
+                                                   " " + picture::format_name(format)
+                                             : " (not a descriptor)")];
+            ++s.count;
+            s.missed += !e.has_sample || !e.sample.missed.empty();
+            return true;
+        },
+        false, error);
+    if (!read)
+        return fail(file_name + ": " + error);
+    auto meta = file->meta();
+    const int64_t started = atoll(meta["started_us"].c_str());
+    const bool ended = !meta["ended_us"].empty();
+    const int64_t span = (ended ? atoll(meta["ended_us"].c_str()) : std::max(last, started)) - started;
+    const double seconds = span > 0 ? span / 1e6 : 0;
+    printf("%s: %s from %s, %lld events, %s, %s\n", file_name.c_str(), seconds_text(span).c_str(),
+           local_time(started).c_str(), total,
+           meta["samples"] == "1" ? "pixels recorded" : "pixels not recorded",
+           ended ? "closed" : "cut short (the recorder did not close it)");
+    printf("  %-8s %-32s %8s %10s\n", "kind", "list, channel or key", "count", "rate");
+    for (const auto& row : rows)
+        printf("  %-8s %-32s %8lld %8.2f/s\n", row.first.first.c_str(), row.first.second.c_str(),
+               row.second, seconds > 0 ? row.second / seconds : 0.0);
+    if (!shapes.empty())
+        printf("  samples by list, shape and format:\n");
+    for (const auto& s : shapes)
+        printf("  %s %lld samples, %lld missed\n", s.first.c_str(), s.second.count, s.second.missed);
+    return 0;
+}
+
+// JSON text of `bytes`: valid UTF-8 as it is, each other byte b as the lone
+// surrogate U+DC00+b (Python's "surrogateescape"), so the exact bytes can be
+// got back and no text is taken for an escape.
+std::string json(const std::string& bytes)
+{
+    std::string out = "\"";
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    const size_t n = bytes.size();
+    char hex[8];
+    for (size_t i = 0; i < n;) {
+        const unsigned char c = p[i];
+        size_t len = c < 0x80 ? 1 : (c >= 0xc2 && c <= 0xdf) ? 2 : (c >= 0xe0 && c <= 0xef) ? 3
+                                  : (c >= 0xf0 && c <= 0xf4) ? 4 : 0;
+        for (size_t k = 1; k < len; ++k)
+            if (i + k >= n || (p[i + k] & 0xc0) != 0x80)
+                len = 0;
+        // Overlong forms, surrogates and code points past U+10FFFF.
+        if ((len == 3 && ((c == 0xe0 && p[i + 1] < 0xa0) || (c == 0xed && p[i + 1] >= 0xa0))) ||
+            (len == 4 && ((c == 0xf0 && p[i + 1] < 0x90) || (c == 0xf4 && p[i + 1] >= 0x90))))
+            len = 0;
+        if (len == 0) {
+            snprintf(hex, sizeof hex, "\\udc%02x", c);
+            out += hex;
+            ++i;
+        } else if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+            ++i;
+        } else if (c < 0x20 || c == 0x7f) {
+            snprintf(hex, sizeof hex, "\\u%04x", c);
+            out += hex;
+            ++i;
+        } else {
+            out.append(bytes, i, len);
+            i += len;
+        }
+    }
+    return out + "\"";
+}
+
+// Keeps letters, digits, '-', '_' and '.' of a modality for a file name.
+std::string file_safe(const std::string& name)
+{
+    std::string out = name;
+    for (char& c : out)
+        if (!isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.')
+            c = '_';
+    return out;
+}
+
+int export_recording(const Options&)
+{
+    std::string error;
+    auto file = recording::File::open(file_name, error);
+    if (!file)
+        return fail(file_name + ": " + error);
+    // The images are biometric: only this user may read what is written.
+    umask(077);
+    for (const std::string& d : {directory, directory + "/samples"})
+        if (mkdir(d.c_str(), 0700) != 0 && errno != EEXIST)
+            return fail(d + ": " + strerror(errno));
+    const std::string events_path = directory + "/events.jsonl";
+    std::unique_ptr<FILE, int (*)(FILE*)> out(fopen(events_path.c_str(), "w"), fclose);
+    if (!out)
+        return fail(events_path + ": " + strerror(errno));
+    long long n = 0, pngs = 0;
+    std::string failed;
+    const auto write_line = [&](const std::string& line) {
+        fprintf(out.get(), "%s}\n", line.c_str());
+        return true;
+    };
+    const bool read = file->each(
+        [&](const recording::Event& e) {
+            std::string line = "{\"seq\":" + std::to_string(++n) + ",\"time_us\":" + std::to_string(e.time_us) +
+                               ",\"kind\":" + json(e.kind) + ",\"command\":" + json(e.command) +
+                               ",\"name\":" + json(e.name) + ",\"payload\":" + json(e.payload);
+            unsigned int width, height;
+            BImage::ImageFormat format;
+            if (e.kind == "sample" && shape(e.payload, width, height, format)) {
+                line += ",\"width\":" + std::to_string(width) + ",\"height\":" + std::to_string(height) +
+                        ",\"format\":" + json(picture::format_name(format));
+                char name[32];
+                snprintf(name, sizeof name, "samples/%06lld-", n);
+                const std::string png = name + file_safe(e.sample.modality) + ".png";
+                if (!e.has_sample || !e.sample.missed.empty()) {
+                    line += ",\"missed\":" + json(e.has_sample ? e.sample.missed : "pixels not recorded");
+                    return write_line(line);
+                }
+                std::vector<unsigned char> pixels(e.sample.pixels.begin(), e.sample.pixels.end());
+                BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, pixels.data());
+                picture::Picture pic;
+                if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
+                    line += ",\"missed\":\"no picture of this format or size\"";
+                } else if (!picture::write_png(directory + "/" + png, pic, failed)) {
+                    failed = png + ": " + failed;
+                    return false;
+                } else {
+                    line += ",\"png\":" + json(png);
+                    ++pngs;
+                }
+            }
+            return write_line(line);
+        },
+        true, error);
+    if (!read)
+        return fail(file_name + ": " + error);
+    if (!failed.empty())
+        return fail(failed);
+    if (fflush(out.get()) != 0 || ferror(out.get()))
+        return fail(events_path + ": " + strerror(errno));
+    printf("%lld events to %s, %lld PNG files in %s/samples\n", n, events_path.c_str(), pngs,
+           directory.c_str());
+    return 0;
+}
+
+} // namespace
+
+void add_info_commands(CLI::App& app, Action& action)
+{
+    auto* sub = app.add_subcommand(
+        "info", "A recording's duration, counts and rates per list, channel and key, sample "
+                "shapes and formats, missed pixels");
+    sub->add_option("FILE", file_name)->required();
+    sub->callback([&] { action = info; });
+
+    auto* exp = app.add_subcommand(
+        "export", "A recording's events as JSON lines (DIR/events.jsonl) and its samples as PNG "
+                  "files (DIR/samples, written as `sample recv -o` writes them)");
+    exp->add_option("FILE", file_name)->required();
+    exp->add_option("-o,--output", directory, "Directory to write (made when missing)")
+        ->required()
+        ->type_name("DIR");
+    exp->callback([&] { action = export_recording; });
+}
+
+} // namespace bmsg_tool

@@ -1,0 +1,163 @@
+// bmsg play: a recording back onto the bus in its recorded order and with its
+// recorded gaps (divided by --rate): pushes, publishes and settings as they
+// were issued, samples through bio_sample_send, so that every receiver takes
+// them as it takes the device's.
+#include "bimage.h"
+#include "bmsg_record.h"
+#include "bshmem.h"
+#include "recording.h"
+
+#include <hiredis/hiredis.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+namespace bmsg_tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string file_name;
+double rate = 1;
+bool loop = false;
+std::vector<std::string> only;
+
+// Sleeps until `when`, looking every 100 ms whether to stop; false then.
+bool sleep_until(Clock::time_point when)
+{
+    for (auto now = Clock::now(); now < when && !stop_requested; now = Clock::now())
+        std::this_thread::sleep_for(std::min<Clock::duration>(when - now, std::chrono::milliseconds(100)));
+    return !stop_requested;
+}
+
+std::string send_sample(bMSG::Messager& bus, const recording::Event& e)
+{
+    unsigned int width, height;
+    unsigned long size;
+    BImage::ImageFormat format;
+    if (e.payload.size() != BImage::Image::header_size ||
+        !BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(e.payload.data()),
+                                           width, height, size, format) ||
+        size != e.sample.pixels.size())
+        return "sample on " + e.name + " does not match its descriptor";
+    BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, nullptr);
+    if (!image.data && size > 0)
+        return "cannot hold a sample of " + std::to_string(size) + " bytes";
+    memcpy(image.data, e.sample.pixels.data(), size);
+    try {
+        if (int rc = bus.bio_sample_send(e.sample.modality.c_str(), &image); rc < 0)
+            return "sample send failed (" + std::to_string(rc) + ")";
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "";
+}
+
+// One event back onto the bus: empty, or why not.
+std::string replay(bMSG::Messager& bus, const recording::Event& e)
+{
+    if (e.kind == "sample")
+        return send_sample(bus, e);
+    const char* argv[] = {e.command.c_str(), e.name.data(), e.payload.data()};
+    const size_t lengths[] = {e.command.size(), e.name.size(), e.payload.size()};
+    auto* reply = static_cast<redisReply*>(redisCommandArgv(bus.redis_context(), 3, argv, lengths));
+    if (!reply)
+        return "lost the server";
+    const std::string why = reply->type == REDIS_REPLY_ERROR
+                                ? e.command + " " + e.name + ": " + std::string(reply->str, reply->len)
+                                : "";
+    freeReplyObject(reply);
+    return why;
+}
+
+int play(const Options& o)
+{
+    std::string error;
+    auto file = recording::File::open(file_name, error);
+    if (!file)
+        return fail(file_name + ": " + error);
+    long long total = 0;
+    const auto count = [&](const recording::Event& e) {
+        total += only.empty() || matches(only, e.name);
+        return true;
+    };
+    if (!file->each(count, false, error))
+        return fail(file_name + ": " + error);
+    auto bus = open_bus(o);
+    if (!bus)
+        return 1;
+    catch_stop();
+    const bool terminal = isatty(STDOUT_FILENO);
+    long long played = 0, skipped = 0;
+    std::string failed;
+    auto shown = Clock::now();
+    do {
+        int64_t first = -1;
+        const auto start = Clock::now();
+        const bool read = file->each(
+            [&](const recording::Event& e) {
+                if (!only.empty() && !matches(only, e.name))
+                    return true;
+                if (first < 0)
+                    first = e.time_us;
+                const auto gap = std::chrono::microseconds(static_cast<int64_t>(rate > 0 ? (e.time_us - first) / rate : 0));
+                if (!sleep_until(start + gap))
+                    return false;
+                // Without pixels a sample cannot be sent, and its descriptor
+                // alone would hand the receivers another image's pixels.
+                if (e.kind == "sample" && (!e.has_sample || !e.sample.missed.empty())) {
+                    ++skipped;
+                    return true;
+                }
+                failed = replay(*bus, e);
+                if (!failed.empty())
+                    return false;
+                ++played;
+                if (terminal && Clock::now() - shown > std::chrono::milliseconds(100)) {
+                    shown = Clock::now();
+                    printf("\rplayed %lld events of %lld per pass\x1b[K", played, total);
+                    fflush(stdout);
+                }
+                return true;
+            },
+            true, error);
+        if (!read)
+            failed = error;
+    } while (loop && total > 0 && failed.empty() && !stop_requested);
+    // Receivers may still be reading the last samples when this process
+    // ends: the segments stay, as after `bmsg sample send`.
+    for (auto& segment : bus->segments)
+        segment.second->owner = false;
+    printf("%splayed %lld events\n", terminal ? "\r\x1b[K" : "", played);
+    if (!failed.empty())
+        return fail(failed);
+    if (stop_requested && !loop)
+        return fail("interrupted");
+    if (skipped > 0)
+        return fail(std::to_string(skipped) + " sample(s) recorded without pixels not replayed");
+    return 0;
+}
+
+} // namespace
+
+void add_play_command(CLI::App& app, Action& action)
+{
+    auto* sub = app.add_subcommand(
+        "play", "Replay a recording in its order and with its gaps: pushes, publishes and "
+                "settings as recorded, samples through the library's sample send. Exit 0 when "
+                "everything was replayed");
+    sub->add_option("FILE", file_name)->required();
+    sub->add_option("--rate", rate, "Divide the recorded gaps by R (default 1; 0: no gaps)")
+        ->type_name("R")
+        ->check(CLI::NonNegativeNumber);
+    sub->add_flag("--loop", loop, "Start again at the end, until Ctrl-C");
+    sub->add_option("--only", only, "Replay only lists, channels and settings matching the glob")
+        ->type_name("PATTERN");
+    sub->callback([&] { action = play; });
+}
+
+} // namespace bmsg_tool

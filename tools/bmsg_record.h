@@ -1,0 +1,30 @@
+// Pieces shared by `bmsg record`, `play`, `info` and `export`.
+#ifndef BMSG_TOOLS_BMSG_RECORD_H
+#define BMSG_TOOLS_BMSG_RECORD_H
+
+#include "bmsg_tool.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bmsg_tool {
+
+// Set by Ctrl-C (SIGINT) and SIGTERM once catch_stop() ran.
+extern std::atomic<bool> stop_requested;
+void catch_stop();
+
+// Whether `name` matches one of the glob `patterns` (fnmatch).
+bool matches(const std::vector<std::string>& patterns, const std::string& name);
+
+// Microseconds as "12.345 s".
+std::string seconds_text(int64_t us);
+
+// Registrations of bmsg_play.cpp and bmsg_info.cpp (export included).
+void add_play_command(CLI::App& app, Action& action);
+void add_info_commands(CLI::App& app, Action& action);
+
+} // namespace bmsg_tool
+
+#endif

@@ -1,0 +1,212 @@
+#include "recording.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace recording {
+
+namespace {
+
+constexpr const char* format_version = "1";
+
+constexpr const char* schema =
+    "PRAGMA journal_mode=WAL;"
+    "CREATE TABLE meta (key TEXT PRIMARY KEY, value TEXT NOT NULL);"
+    "CREATE TABLE events (id INTEGER PRIMARY KEY, time_us INTEGER NOT NULL,"
+    " kind TEXT NOT NULL, command TEXT NOT NULL, name TEXT NOT NULL, payload BLOB NOT NULL);"
+    "CREATE TABLE samples (event INTEGER PRIMARY KEY REFERENCES events(id),"
+    " modality TEXT NOT NULL, pixels BLOB, missed TEXT);";
+
+// A prepared statement finalized on every exit path.
+struct Statement {
+    sqlite3_stmt* s = nullptr;
+    Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &s, nullptr); }
+    ~Statement() { sqlite3_finalize(s); }
+    void text(int i, const std::string& v) { sqlite3_bind_text(s, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC); }
+    void blob(int i, const std::string& v) { sqlite3_bind_blob(s, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC); }
+    std::string column(int i)
+    {
+        const void* p = sqlite3_column_blob(s, i);
+        return p ? std::string(static_cast<const char*>(p), sqlite3_column_bytes(s, i)) : "";
+    }
+    bool step_done()
+    {
+        const bool ok = sqlite3_step(s) == SQLITE_DONE;
+        sqlite3_reset(s);
+        return ok;
+    }
+};
+
+// An open connection closed unless handed on.
+struct Db {
+    sqlite3* db = nullptr;
+    ~Db() { sqlite3_close(db); }
+    sqlite3* release()
+    {
+        sqlite3* d = db;
+        db = nullptr;
+        return d;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<File> File::create(const std::string& path, std::string& error)
+{
+    // The file may hold biometric images: nobody else may read it, whatever
+    // the umask. SQLite gives its -wal and -shm files the same mode.
+    const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+    if (fd < 0 || fchmod(fd, 0600) != 0) {
+        error = strerror(errno);
+        if (fd >= 0)
+            ::close(fd);
+        return nullptr;
+    }
+    ::close(fd);
+    Db db;
+    if (sqlite3_open_v2(path.c_str(), &db.db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        error = db.db ? sqlite3_errmsg(db.db) : "out of memory";
+        return nullptr;
+    }
+    std::unique_ptr<File> file(new File(db.release()));
+    // NORMAL in WAL mode: a committed batch survives the process being
+    // killed; only a power cut may lose the last ones.
+    if (!file->exec(schema, error) || !file->exec("PRAGMA synchronous=NORMAL", error) ||
+        !file->set_meta("format", format_version, error))
+        return nullptr;
+    return file;
+}
+
+std::unique_ptr<File> File::open(const std::string& path, std::string& error)
+{
+    Db db;
+    if (sqlite3_open_v2(path.c_str(), &db.db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        error = db.db ? sqlite3_errmsg(db.db) : "out of memory";
+        return nullptr;
+    }
+    std::unique_ptr<File> file(new File(db.release()));
+    if (file->meta()["format"] != format_version) {
+        error = "not a bmsg recording";
+        return nullptr;
+    }
+    return file;
+}
+
+File::~File()
+{
+    sqlite3_close(db_);
+}
+
+bool File::exec(const char* sql, std::string& error)
+{
+    char* message = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK)
+        return true;
+    error = message ? message : sqlite3_errmsg(db_);
+    sqlite3_free(message);
+    return false;
+}
+
+bool File::write(const std::vector<Event>& events, std::string& error)
+{
+    if (!exec("BEGIN", error))
+        return false;
+    Statement event(db_, "INSERT INTO events (time_us, kind, command, name, payload) VALUES (?,?,?,?,?)");
+    Statement sample(db_, "INSERT INTO samples (event, modality, pixels, missed) VALUES (?,?,?,?)");
+    bool ok = event.s && sample.s;
+    for (size_t i = 0; ok && i < events.size(); ++i) {
+        const Event& e = events[i];
+        sqlite3_bind_int64(event.s, 1, e.time_us);
+        event.text(2, e.kind);
+        event.text(3, e.command);
+        event.text(4, e.name);
+        event.blob(5, e.payload);
+        ok = event.step_done();
+        if (!ok || !e.has_sample)
+            continue;
+        sqlite3_bind_int64(sample.s, 1, sqlite3_last_insert_rowid(db_));
+        sample.text(2, e.sample.modality);
+        if (e.sample.missed.empty()) {
+            sample.blob(3, e.sample.pixels);
+            sqlite3_bind_null(sample.s, 4);
+        } else {
+            sqlite3_bind_null(sample.s, 3);
+            sample.text(4, e.sample.missed);
+        }
+        ok = sample.step_done();
+    }
+    if (!ok) {
+        error = sqlite3_errmsg(db_);
+        std::string ignored;
+        exec("ROLLBACK", ignored);
+        return false;
+    }
+    return exec("COMMIT", error);
+}
+
+bool File::set_meta(const std::string& key, const std::string& value, std::string& error)
+{
+    Statement s(db_, "INSERT OR REPLACE INTO meta (key, value) VALUES (?,?)");
+    s.text(1, key);
+    s.text(2, value);
+    if (s.s && s.step_done())
+        return true;
+    error = sqlite3_errmsg(db_);
+    return false;
+}
+
+std::map<std::string, std::string> File::meta()
+{
+    std::map<std::string, std::string> values;
+    Statement s(db_, "SELECT key, value FROM meta");
+    while (s.s && sqlite3_step(s.s) == SQLITE_ROW)
+        values[s.column(0)] = s.column(1);
+    return values;
+}
+
+int64_t File::count()
+{
+    Statement s(db_, "SELECT COUNT(*) FROM events");
+    return s.s && sqlite3_step(s.s) == SQLITE_ROW ? sqlite3_column_int64(s.s, 0) : 0;
+}
+
+bool File::each(const std::function<bool(const Event&)>& fn, bool pixels, std::string& error)
+{
+    Statement s(db_, pixels ? "SELECT e.time_us, e.kind, e.command, e.name, e.payload, s.event,"
+                              " s.modality, s.pixels, s.missed FROM events e"
+                              " LEFT JOIN samples s ON s.event = e.id ORDER BY e.id"
+                            : "SELECT e.time_us, e.kind, e.command, e.name, e.payload, s.event,"
+                              " s.modality, NULL, s.missed FROM events e"
+                              " LEFT JOIN samples s ON s.event = e.id ORDER BY e.id");
+    if (!s.s) {
+        error = sqlite3_errmsg(db_);
+        return false;
+    }
+    Event e;
+    int rc;
+    while ((rc = sqlite3_step(s.s)) == SQLITE_ROW) {
+        e.time_us = sqlite3_column_int64(s.s, 0);
+        e.kind = s.column(1);
+        e.command = s.column(2);
+        e.name = s.column(3);
+        e.payload = s.column(4);
+        e.has_sample = sqlite3_column_type(s.s, 5) != SQLITE_NULL;
+        e.sample.modality = s.column(6);
+        e.sample.pixels = s.column(7);
+        e.sample.missed = s.column(8);
+        if (!fn(e))
+            return true;
+    }
+    if (rc != SQLITE_DONE) {
+        error = sqlite3_errmsg(db_);
+        return false;
+    }
+    return true;
+}
+
+} // namespace recording

@@ -1,0 +1,67 @@
+// Recordings of the bus made by `bmsg record`: one SQLite file each, read by
+// `bmsg play`, `info` and `export`. The schema is in docs/recording.md.
+#ifndef BMSG_TOOLS_RECORDING_H
+#define BMSG_TOOLS_RECORDING_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+namespace recording {
+
+// The pixels read from a sample's segment right after its descriptor was
+// pushed; `missed` says why there are none (pixels then empty).
+struct Sample {
+    std::string modality;
+    std::string pixels;
+    std::string missed;
+};
+
+// One thing that happened on the bus.
+struct Event {
+    int64_t time_us = 0;  // the server's clock, microseconds since 1970
+    std::string kind;     // "push", "sample" (a push onto a sample list), "publish", "set"
+    std::string command;  // LPUSH, RPUSH, LPUSHX, RPUSHX, PUBLISH or SET
+    std::string name;     // list key, channel or setting key
+    std::string payload;  // element, message or value, exact bytes
+    bool has_sample = false;
+    Sample sample;
+};
+
+class File {
+public:
+    // Creates a new recording at `path` with mode 0600 (an existing file is
+    // refused), WAL journal. Null with `error` set on failure.
+    static std::unique_ptr<File> create(const std::string& path, std::string& error);
+    // Opens a recording read-only (one a killed recorder left included).
+    // Null with `error` set when it is missing or not a recording.
+    static std::unique_ptr<File> open(const std::string& path, std::string& error);
+    ~File();
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    // Writes the events in one transaction; false with `error` set.
+    bool write(const std::vector<Event>& events, std::string& error);
+    bool set_meta(const std::string& key, const std::string& value, std::string& error);
+    std::map<std::string, std::string> meta();
+
+    // Calls `fn` for each event in recorded order, with its sample when one
+    // was recorded (its pixels only when `pixels`), until it returns false.
+    // False with `error` on a read failure.
+    bool each(const std::function<bool(const Event&)>& fn, bool pixels, std::string& error);
+    int64_t count();
+
+private:
+    explicit File(sqlite3* db) : db_(db) {}
+    bool exec(const char* sql, std::string& error);
+    sqlite3* db_;
+};
+
+} // namespace recording
+
+#endif
