@@ -56,9 +56,44 @@ bool is_message(const redisReply* r);
 // so a hostile declared length cannot make it reserve gigabytes.
 void prepare_connection(redisContext* c);
 
-// The longest reply the library asks for is a three-element message; the
-// bound leaves room and keeps what one declared array reserves small.
+// hiredis 1.x reserves one 8-byte element pointer per declared element as
+// soon as an array's header arrives, before any element does, and nests
+// arrays without limit; the bound caps what one header can make it reserve.
+// The library's own commands: the longest reply they get is a three-element
+// message, so 64 leaves room and a header reserves at most 512 bytes.
 constexpr unsigned max_reply_elements = 64;
+
+// Replies that carry a script's data: the array the Lua get turns into a
+// table. 65536 elements (512 KiB reserved per header) fits any table a
+// script on the device handles, and stays small beside the device's memory.
+constexpr unsigned max_data_reply_elements = 1u << 16;
+
+// Raises the bound of `c` for the life of this object, i.e. for the command
+// it guards; no effect with hiredis 0.14, which has no bound.
+class ReplyBound {
+public:
+    ReplyBound(redisContext* c, unsigned elements) : c_(c)
+    {
+#if HIREDIS_MAJOR >= 1
+        saved_ = c->reader->maxelements;
+        c->reader->maxelements = elements;
+#else
+        (void)elements;
+#endif
+    }
+    ~ReplyBound()
+    {
+#if HIREDIS_MAJOR >= 1
+        c_->reader->maxelements = saved_;
+#endif
+    }
+    ReplyBound(const ReplyBound&) = delete;
+    ReplyBound& operator=(const ReplyBound&) = delete;
+
+private:
+    [[maybe_unused]] redisContext* c_;
+    [[maybe_unused]] long long saved_ = 0;
+};
 
 // Size of the command template buffer of the push and publish operations.
 constexpr size_t template_size = 1024;

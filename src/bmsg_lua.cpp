@@ -114,17 +114,34 @@ int push_popped(lua_State* L, Messager* m, const char* key, int timeout)
     return 1;
 }
 
+// The text of a sender or publish as the format handed to the Messager:
+// "%%" stays (one '%', as scripts write it) and every other '%' is doubled,
+// so no text is read as a conversion that takes an argument the call does
+// not pass ("100%s" once crashed the interpreter). Blanks still split.
+std::string literal_format(const char* text)
+{
+    std::string format;
+    for (const char* p = text; *p; ++p) {
+        if (*p == '%')
+            format += '%';
+        if (*p == '%' && p[1] == '%')
+            ++p;  // "%%" is kept as it is
+        format += *p;
+    }
+    return format;
+}
+
 using Sender = int (Messager::*)(const char*, ...);
 using ListKey = const char* const Messager::*;
 
-// The senders hand the Lua string to the Messager as the format, so a '%'
-// in it starts a conversion; scripts double it for a literal one.
+// The senders hand the Lua string to the Messager as the format, through
+// literal_format.
 int send_method(lua_State* L, Sender send)
 {
     Messager* m = self(L);
     if (!m)
         return fail(L, "messager is NULL");
-    (m->*send)(luaL_checklstring(L, 2, nullptr));
+    (m->*send)(literal_format(luaL_checklstring(L, 2, nullptr)).c_str());
     return 0;
 }
 
@@ -278,6 +295,7 @@ int messager_get(lua_State* L)
     redisContext* c = m->redis_context();
     if (!c)
         return fail(L, "redis connection is NULL");
+    const bMSG::ReplyBound bound(c, bMSG::max_data_reply_elements);
     bMSG::Reply r = bMSG::command(c, "GET %s", key);
     if (!r)
         return fail(L, "redis reply is NULL");
@@ -315,7 +333,7 @@ int messager_publish(lua_State* L)
         return fail(L, "messager is NULL");
     const char* channel = luaL_checklstring(L, 2, nullptr);
     const char* message = luaL_checklstring(L, 3, nullptr);
-    m->publish(channel, message);
+    m->publish(channel, literal_format(message).c_str());
     return 0;
 }
 

@@ -17,7 +17,7 @@ int main(int argc, char** argv)
     lua_setfield(L, -2, "bmsg");
 #endif
     lua_createtable(L, argc, 0);
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 0; i < argc; ++i) {  // arg[-1] is the interpreter, as in luajit
         lua_pushstring(L, argv[i]);
         lua_rawseti(L, -2, i - 1);
     }

@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 
 using bmsg_test::RedisServer;
 
@@ -28,24 +29,51 @@ Ran tool(std::vector<std::string> args, const std::string& socket = "")
 TEST(Tool, CommandsInOrder)
 {
     RedisServer server;
+    // Hundreds of keys: more than 64 in one SCAN reply of watch.
+    bmsg_test::redis_raw(server, "EVAL %s 0", "for i = 1, 300 do redis.call('SET', 'k' .. i, i) "
+        "redis.call('LPUSH', 'BIOMETRIC_SAMPLE_m' .. i, 'x') end redis.call('LPUSH', "
+        "'BIOMETRIC_SAMPLEm', 'x') redis.call('LPUSH', 'xBIOMETRIC_SAMPLE_m', 'x')");
     const struct { std::vector<std::string> args; int status; const char* out; } rows[] = {
         {{"ping"}, 0, "PONG\n"},          {{"set", "k", "v 1"}, 0, ""},
         {{"get", "k"}, 0, "v 1\n"},       {{"push", "cmd", "a b"}, 0, ""},
         {{"len", "BIO_CMD"}, 0, "1\n"},   {{"pop", "cmd"}, 0, "a b\n"},
         {{"pop", "cmd"}, 1, ""},          {{"publish", "X", "hi"}, 0, "0\n"},
-        {{"push", "info", "x"}, 0, ""},   {{"clear", "info"}, 0, ""},
-        {{"len", "info"}, 0, "0\n"},      {{}, 2, ""},
-        {{"nosuch"}, 2, ""},              {{"pop"}, 2, ""},
-        {{"pop", "cmd", "-t", "x"}, 2, ""}, {{"sample", "send", "m", "/no/such.png"}, 2, ""},
+        {{"push", "info", "x"}, 0, ""},   {{"len", "MAIN_BIOMETRIC_INFO"}, 0, "1\n"},
+        {{"clear", "info"}, 0, ""},       {{"len", "info"}, 0, "0\n"},
+        {{"push", "device", "d"}, 0, ""}, {{"len", "DEVICE_CMD"}, 0, "1\n"},
+        {{"push", "resp", "r"}, 0, ""},   {{"len", "BIOMETRIC_RESP"}, 0, "1\n"},
+        {{"get", "nosuch"}, 1, ""},       {{"get", "BIO_CMD"}, 1, ""},
+        {{"get", "k300"}, 0, "300\n"},    {{"len", "BIOMETRIC_SAMPLE_m7"}, 0, "1\n"},
+        {{"pop", "cmd", "-t", "1"}, 1, ""}, {{"sample", "recv", "m"}, 1, ""},
+        {{}, 2, ""},                      {{"nosuch"}, 2, ""},
+        {{"pop"}, 2, ""},                 {{"pop", "cmd", "-t", "x"}, 2, ""},
+        {{"sample", "send", "m", "/no/such.png"}, 2, ""},
         {{"-p", "1", "ping"}, 2, ""},     {{"sample"}, 2, ""},
     };
     for (const auto& row : rows) {
         const Ran r = tool(row.args, server.socket());
         EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;
         EXPECT_EQ(r.out, row.out) << testing::PrintToString(row.args);
+        if (row.status == 1) {
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        }
     }
+    // Every sample list, and only those.
     const Ran watch = tool({"watch", "-n", "1"}, server.socket());
     EXPECT_NE(watch.out.find("MAIN_BIOMETRIC_INFO"), std::string::npos) << watch.out;
+    size_t samples = 0;
+    for (size_t at = 0; (at = watch.out.find("SAMPLE", at)) != std::string::npos; ++at)
+        ++samples;
+    EXPECT_EQ(samples, 300u) << watch.out;
+
+    // -t 0 waits for ever.
+    bmsg_test::Child pop = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "pop", "cmd", "-t", "0"});
+    ASSERT_TRUE(bmsg_test::wait_until([&] {
+        return bmsg_test::redis_raw(server, "INFO clients").find("blocked_clients:1") != std::string::npos;
+    }));
+    EXPECT_EQ(tool({"push", "cmd", "late"}, server.socket()).status, 0);
+    EXPECT_EQ(pop.wait(), 0);
+    EXPECT_EQ(pop.out(), "late\n");
 }
 
 TEST(Tool, MissingServerFailsAtOnceWithOneLine)
@@ -64,13 +92,17 @@ TEST(Tool, MissingServerFailsAtOnceWithOneLine)
 TEST(Tool, SubscribeToSeveralChannels)
 {
     RedisServer server;
-    bmsg_test::Child sub = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "subscribe", "A", "B", "-n", "2"});
+    bmsg_test::Child sub = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "subscribe", "A", "B", "-n", "3"});
     ASSERT_TRUE(bmsg_test::wait_subscribers(server, "A", 1) && bmsg_test::wait_subscribers(server, "B", 1));
+    const std::string subscribers = bmsg_test::redis_raw(server, "CLIENT LIST TYPE pubsub");
+    EXPECT_EQ(std::count(subscribers.begin(), subscribers.end(), '\n'), 1) << subscribers;
     EXPECT_EQ(tool({"publish", "A", "one"}, server.socket()).out, "1\n");
     EXPECT_EQ(tool({"publish", "B", "two"}, server.socket()).out, "1\n");
+    EXPECT_EQ(tool({"publish", "A", "x\ny\\\x01\xc3\xa9\xff\t"}, server.socket()).out, "1\n");
     EXPECT_EQ(sub.wait(), 0);
     EXPECT_NE(sub.out().find(" A one\n"), std::string::npos) << sub.out();
     EXPECT_NE(sub.out().find(" B two\n"), std::string::npos) << sub.out();
+    EXPECT_NE(sub.out().find(" A x\\ny\\\\\\x01\xc3\xa9\\xff\\t\n"), std::string::npos) << sub.out();
 }
 
 TEST(Tool, PngRoundTripThroughASample)
@@ -78,18 +110,30 @@ TEST(Tool, PngRoundTripThroughASample)
     RedisServer server;
     const std::string modality = "tool" + std::to_string(getpid()), in = server.dir() + "/in.png",
                       out = server.dir() + "/out.png";
+    const std::string list = "BIOMETRIC_SAMPLE_" + modality, segment = "/" + list;
     for (int channels : {1, 3}) {
         picture::Picture sent{7, 5, channels, {}}, back;
         for (int i = 0; i < 7 * 5 * channels; ++i)
             sent.pixels.push_back(static_cast<unsigned char>(i * 37));
         std::string error;
         ASSERT_TRUE(picture::write_png(in, sent, error)) << error;
-        ASSERT_EQ(tool({"sample", "send", modality, in}, server.socket()).status, 0);
+        // Grey: the sender waits until the sample is taken and removes its
+        // segment; colour: --keep returns at once and leaves it.
+        std::vector<std::string> args{"-s", server.socket(), "sample", "send", modality, in};
+        if (channels == 3)
+            args.push_back("--keep");
+        bmsg_test::Child send = bmsg_test::spawn_program(BMSG_TOOL, args);
+        ASSERT_TRUE(bmsg_test::wait_until([&] { return bmsg_test::redis_raw(server, "LLEN %s", list.c_str()) == "1"; }));
         const Ran peek = tool({"sample", "peek", modality, "-o", out}, server.socket());
         EXPECT_EQ(peek.out, channels == 1 ? "7 5 GRAY8 35\n" : "7 5 RGB24 105\n");
         ASSERT_TRUE(picture::read_file(out, back, error)) << error;
         EXPECT_EQ(back.pixels, sent.pixels);
-        EXPECT_EQ(tool({"sample", "recv", modality, "-t", "1"}, server.socket()).status, 0);
+        EXPECT_EQ(tool({"sample", "recv", modality}, server.socket()).status, 0);
+        EXPECT_EQ(send.wait(), 0) << send.err();
+        EXPECT_EQ(shm_unlink(segment.c_str()), channels == 3 ? 0 : -1);
     }
-    shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
+    // Not taken in time: the sample is taken back and its segment removed.
+    EXPECT_EQ(tool({"sample", "send", modality, in, "-t", "1"}, server.socket()).status, 1);
+    EXPECT_EQ(bmsg_test::redis_raw(server, "LLEN %s", list.c_str()), "0");
+    EXPECT_EQ(shm_unlink(segment.c_str()), -1);
 }

@@ -3,7 +3,10 @@
 
 #include <hiredis/hiredis.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 using bmsg_tool::Action;
@@ -38,7 +41,7 @@ void add_bus_commands(CLI::App& app, Action& action)
 {
     // Argument storage lives as long as the parser: static.
     static std::string key, value, list, channel;
-    static int seconds = 0;
+    static int seconds = -1;
 
     on_bus(app.add_subcommand("ping", "Check that the server answers"), action, [](bMSG::Messager& bus) {
         redisReply* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING"));
@@ -50,13 +53,19 @@ void add_bus_commands(CLI::App& app, Action& action)
         return pong ? 0 : 1;
     });
 
-    auto* get = app.add_subcommand("get", "Print a setting (empty when missing or over 1 MiB)");
+    auto* get = app.add_subcommand("get", "Print a setting; exit 1 when there is none");
     get->add_option("KEY", key)->required();
     on_bus(get, action, [](bMSG::Messager& bus) {
-        std::vector<char> text(value_max + 1, '\0');
-        if (int rc = bus.get(key.c_str(), text.data(), value_max); rc < 0)
-            return checked(rc, "GET");
-        puts(text.data());
+        // Messager::get cannot tell a missing key from an empty value.
+        auto* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "GET %s", key.c_str()));
+        if (!reply)
+            return fail("no answer to GET");
+        const std::unique_ptr<redisReply, void (*)(void*)> owned(reply, freeReplyObject);
+        if (reply->type != REDIS_REPLY_STRING)  // nil, or an error such as WRONGTYPE
+            return fail(reply->type == REDIS_REPLY_ERROR ? key + ": " + reply->str
+                                                         : "no setting " + key);
+        fwrite(reply->str, 1, reply->len, stdout);
+        putchar('\n');
         return 0;
     });
 
@@ -81,13 +90,13 @@ void add_bus_commands(CLI::App& app, Action& action)
                "time)");
     pop->add_option("LIST", list)->required();
     pop->footer(lists_help);
-    pop->add_option("-t,--timeout", seconds, "Wait up to SECONDS for one (default 0: do not wait)")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
+    bmsg_tool::add_timeout(pop, seconds, "without -t: do not wait");
     on_bus(pop, action, [](bMSG::Messager& bus) {
         std::vector<char> text(value_max);
         const std::string k = bmsg_tool::list_key(list);
-        const int n = bus.list_recv(k.c_str(), text.data(), value_max, seconds, nullptr, 0);
+        // list_recv takes 0 as "do not wait": for ever is 2^31-1 s (68 years).
+        const int wait = seconds == 0 ? INT_MAX : std::max(seconds, 0);
+        const int n = bus.list_recv(k.c_str(), text.data(), value_max, wait, nullptr, 0);
         if (n < 0)
             return checked(n, "pop");
         if (n == 0)
@@ -130,7 +139,9 @@ void add_bus_commands(CLI::App& app, Action& action)
 int main(int argc, char** argv)
 {
     CLI::App app("Look at and talk to the device's message bus (a Redis server).\n"
-                 "Exit status: 0 done, 1 the bus operation failed, 2 bad usage.",
+                 "Exit status: 0 done, 1 the bus operation failed, 2 bad usage.\n"
+                 "-t SECONDS of the subcommands that wait: up to SECONDS, 0 for ever; without\n"
+                 "-t pop and sample recv do not wait, sample send waits 10 s.",
                  "bmsg");
     Options options;
     auto* socket = app.add_option("-s,--socket", options.socket, "Unix socket path of the server")

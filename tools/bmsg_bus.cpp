@@ -124,4 +124,62 @@ std::string now_text()
     return text;
 }
 
+namespace {
+
+// Length of the well-formed UTF-8 sequence of two to four bytes at p (no
+// overlong form, surrogate or code point past U+10FFFF), else 0.
+size_t utf8_length(const unsigned char* p, size_t left)
+{
+    size_t n = 0;
+    unsigned char low = 0x80, high = 0xbf;  // allowed second byte
+    if (p[0] >= 0xc2 && p[0] <= 0xdf)
+        n = 2;
+    else if (p[0] >= 0xe0 && p[0] <= 0xef)
+        n = 3, low = p[0] == 0xe0 ? 0xa0 : 0x80, high = p[0] == 0xed ? 0x9f : 0xbf;
+    else if (p[0] >= 0xf0 && p[0] <= 0xf4)
+        n = 4, low = p[0] == 0xf0 ? 0x90 : 0x80, high = p[0] == 0xf4 ? 0x8f : 0xbf;
+    if (n == 0 || left < n || p[1] < low || p[1] > high)
+        return 0;
+    for (size_t i = 2; i < n; ++i)
+        if (p[i] < 0x80 || p[i] > 0xbf)
+            return 0;
+    return n;
+}
+
+} // namespace
+
+std::string escaped(const char* bytes, size_t length)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes);
+    std::string out;
+    for (size_t i = 0; i < length; ++i) {
+        if (const size_t n = utf8_length(p + i, length - i)) {
+            out.append(bytes + i, n);
+            i += n - 1;
+        } else if (p[i] == '\\') {
+            out += "\\\\";
+        } else if (p[i] == '\n') {
+            out += "\\n";
+        } else if (p[i] == '\t') {
+            out += "\\t";
+        } else if (p[i] == '\r') {
+            out += "\\r";
+        } else if (p[i] >= 0x20 && p[i] < 0x7f) {
+            out += bytes[i];
+        } else {
+            char hex[5];
+            snprintf(hex, sizeof hex, "\\x%02x", p[i]);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+void add_timeout(CLI::App* sub, int& seconds, const std::string& without)
+{
+    sub->add_option("-t,--timeout", seconds, "Wait up to SECONDS, 0 for ever; " + without)
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
+}
+
 } // namespace bmsg_tool

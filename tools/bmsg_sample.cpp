@@ -4,15 +4,62 @@
 #include "bshmem.h"
 #include "picture.h"
 
+#include <hiredis/hiredis.h>
+
+#include <chrono>
 #include <cstdio>
 #include <stdexcept>
+#include <thread>
 
 namespace bmsg_tool {
 
 namespace {
 
 std::string modality, file;
-int seconds = 0;
+int seconds = -1;
+bool keep = false;
+constexpr int send_wait_default = 10;
+
+// Whether the descriptor is still on the list (LPOS, Redis 6.0.6 and
+// later); -1 when the server gave no usable answer.
+int queued(bMSG::Messager& bus, const std::string& key, const unsigned char* descriptor)
+{
+    auto* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "LPOS %s %b", key.c_str(),
+                                                        descriptor, size_t{BImage::Image::header_size}));
+    if (!reply)
+        return -1;
+    const int rc = reply->type == REDIS_REPLY_INTEGER ? 1 : reply->type == REDIS_REPLY_NIL ? 0 : -1;
+    freeReplyObject(reply);
+    return rc;
+}
+
+// Waits until a receiver has taken the sample; on time-out takes the
+// descriptor back, so no receiver finds it after the segment is gone.
+int wait_taken(bMSG::Messager& bus, const std::string& key, const unsigned char* descriptor)
+{
+    const int limit = seconds < 0 ? send_wait_default : seconds;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit);
+    int rc;
+    while ((rc = queued(bus, key, descriptor)) == 1 &&
+           (limit == 0 || std::chrono::steady_clock::now() < end))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (rc < 0) {
+        bus.segments[modality]->owner = false;  // it may still be taken: keep it
+        return fail("cannot follow the sample on " + key + ": LPOS failed; segment kept");
+    }
+    if (rc == 1) {
+        auto* reply = static_cast<redisReply*>(redisCommand(
+            bus.redis_context(), "LREM %s 1 %b", key.c_str(), descriptor, size_t{BImage::Image::header_size}));
+        const bool withdrawn = reply && reply->type == REDIS_REPLY_INTEGER && reply->integer == 1;
+        freeReplyObject(reply);
+        if (withdrawn)
+            return fail("no receiver took the sample within " + std::to_string(limit) + " s");
+    }
+    // A receiver that has just popped the descriptor still has to open the
+    // segment by name.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    return 0;
+}
 
 int send(const Options& o)
 {
@@ -32,13 +79,18 @@ int send(const Options& o)
     } catch (const std::runtime_error& e) {
         return fail(e.what());
     }
-    // The segment must outlive this short process for the receivers to read
-    // it; a later sender of the modality reuses it.
-    bus->segments[modality]->owner = false;
-    printf("sent %dx%d %s %d bytes to %s%s\n", image->width, image->height,
-           picture::format_name(image->format).c_str(), image->count(), bus->bio_sample,
-           modality.c_str());
-    return 0;
+    const std::string key = bus->bio_sample + modality;
+    printf("sent %dx%d %s %d bytes to %s\n", image->width, image->height,
+           picture::format_name(image->format).c_str(), image->count(), key.c_str());
+    fflush(stdout);
+    // --keep: the segment outlives this short process, for receivers that
+    // come later; a later sender of the modality reuses it. Otherwise the
+    // Messager unlinks the segment it created when it goes.
+    if (keep) {
+        bus->segments[modality]->owner = false;
+        return 0;
+    }
+    return wait_taken(*bus, key, image->format_header());
 }
 
 // Prints the image's description and writes the PNG when asked.
@@ -66,9 +118,14 @@ int take(const Options& o, bool remove)
     if (!bus)
         return 1;
     const std::string key = bus->bio_sample + modality;
+    // BRPOP's 0 waits for ever: without -t take one only when one is there
+    // (1 s covers another receiver taking it first).
+    if (remove && seconds < 0 && bus->list_size(key.c_str()) <= 0)
+        return fail("no sample on " + key);
     try {
         char from[256] = {};
-        return show(remove ? bus->bio_sample_recv({modality.c_str()}, seconds, from, sizeof from)
+        return show(remove ? bus->bio_sample_recv({modality.c_str()}, seconds < 0 ? 1 : seconds,
+                                                  from, sizeof from)
                            : bus->bio_sample_read(modality.c_str()),
                     key);
     } catch (const std::runtime_error& e) {
@@ -92,15 +149,18 @@ void add_sample_commands(CLI::App& app, Action& action)
         "send", "Send FILE (PNG, binary PGM or PPM) as a sample: grey as GRAY8, colour as RGB24");
     send_cmd->add_option("MODALITY", modality)->required();
     send_cmd->add_option("FILE", file)->required()->check(CLI::ExistingFile);
+    add_timeout(send_cmd, seconds,
+                "without -t: 10 s. Until a receiver takes the sample; then (a second later, "
+                "for the receiver to open it) the segment this process created is removed. "
+                "Not taken in time: the sample is taken back, exit 1");
+    send_cmd->add_flag("-k,--keep", keep, "Do not wait; leave the segment for later receivers");
     send_cmd->callback([&] { action = send; });
 
     auto* recv = sample->add_subcommand(
         "recv", "Take the oldest sample off the list; print width, height, format and bytes");
     recv->add_option("MODALITY", modality)->required();
     recv->add_option("-o,--output", file, png_help)->type_name("FILE.png");
-    recv->add_option("-t,--timeout", seconds, "Wait up to SECONDS (default 0: no limit)")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
+    add_timeout(recv, seconds, "without -t: do not wait");
     recv->callback([&] { action = [](const Options& o) { return take(o, true); }; });
 
     auto* peek = sample->add_subcommand(

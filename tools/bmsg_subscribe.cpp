@@ -1,62 +1,66 @@
 // bmsg subscribe: one line per message on any of the channels.
 #include "bmsg_tool.h"
+#include "bsubscription.h"
 
-#include <unistd.h>
-
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace bmsg_tool {
 
 namespace {
 
-std::mutex output;
-std::atomic<long> printed{0};
+std::vector<std::string> channels;
+long count = 0;
 
-// Messager::subscribe blocks on its connection for good, so each channel
-// gets a thread and a connection; the first to see the end stops the process.
-void listen(const Options& o, const std::string& channel, long count)
+// One connection for all the channels; the subscription's thread prints,
+// this one waits for the last message or a lost connection.
+int subscribe(const Options& o)
 {
     auto bus = open_bus(o);
     if (!bus)
-        _exit(1);
-    bus->subscribe(channel.c_str(), [count](const char* ch, const char* payload, size_t len, void*) {
-        std::lock_guard<std::mutex> lock(output);
-        printf("%s %s %.*s\n", now_text().c_str(), ch, static_cast<int>(len), payload);
+        return 1;
+    std::mutex lock;  // guards printed
+    std::condition_variable changed;
+    long printed = 0;
+    bMSG::Subscription sub(*bus, channels, [&](const char* ch, const char* payload, size_t len, void*) {
+        std::lock_guard<std::mutex> guard(lock);
+        if (count > 0 && printed >= count)
+            return;
+        printf("%s %s %s\n", now_text().c_str(), escaped(ch, strlen(ch)).c_str(),
+               escaped(payload, len).c_str());
         fflush(stdout);
-        if (count > 0 && ++printed >= count)
-            _exit(0);
+        ++printed;
+        changed.notify_one();
     });
-    std::lock_guard<std::mutex> lock(output);
-    _exit(fail("lost the subscription to " + channel));
+    if (sub.status() != 0)
+        return fail("cannot subscribe (" + std::to_string(sub.status()) + ")");
+    std::unique_lock<std::mutex> guard(lock);
+    // running() has no wake-up of its own: looked at ten times a second.
+    while (sub.running() && (count == 0 || printed < count))
+        changed.wait_for(guard, std::chrono::milliseconds(100));
+    const bool done = count > 0 && printed >= count;
+    guard.unlock();  // stop() waits for a callback, which takes the lock
+    sub.stop();
+    return done ? 0 : fail("lost the subscription");
 }
 
 } // namespace
 
 void add_subscribe_command(CLI::App& app, Action& action)
 {
-    static std::vector<std::string> channels;
-    static long count = 0;
     auto* sub = app.add_subcommand(
         "subscribe", "Print each message on the CHANNELs as \"time channel payload\" until "
-                     "Ctrl-C or COUNT messages");
+                     "Ctrl-C or COUNT messages; newlines, backslashes and bytes that are not "
+                     "UTF-8 text as C escapes (\\n, \\\\, \\xNN), so a message is one line");
     sub->add_option("CHANNEL", channels)->required();
     sub->add_option("-n,--count", count, "Stop after COUNT messages (default 0: never)")
         ->type_name("COUNT")
         ->check(CLI::NonNegativeNumber);
-    sub->callback([&] {
-        action = [](const Options& o) {
-            std::vector<std::thread> threads;
-            for (const std::string& channel : channels)
-                threads.emplace_back(listen, std::cref(o), std::cref(channel), count);
-            for (std::thread& t : threads)
-                t.join();
-            return 0;
-        };
-    });
+    sub->callback([&] { action = subscribe; });
 }
 
 } // namespace bmsg_tool

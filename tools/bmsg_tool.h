@@ -40,6 +40,16 @@ std::string list_key(const std::string& name);
 // "HH:MM:SS.mmm", local time.
 std::string now_text();
 
+// The bytes as one line of text: well-formed UTF-8 and printable ASCII as
+// they are; backslash, newline, tab and carriage return as C escapes; any other
+// byte as \xNN.
+std::string escaped(const char* bytes, size_t length);
+
+// The -t option of every subcommand that waits: up to SECONDS, 0 for ever
+// (as Redis's blocking pops). `seconds` keeps its value when -t is not given
+// (-1 for "do not wait"); `without` says what happens then.
+void add_timeout(CLI::App* sub, int& seconds, const std::string& without);
+
 // Register the subcommands of bmsg_sample.cpp, bmsg_watch.cpp and
 // bmsg_subscribe.cpp; the one chosen stores its work in `action`.
 void add_sample_commands(CLI::App& app, Action& action);

@@ -1,6 +1,7 @@
 // bmsg watch: the lengths of the named lists and the sample lists, and the
 // last status announcements, refreshed every INTERVAL seconds.
 #include "bmsg_tool.h"
+#include "bsubscription.h"
 
 #include <hiredis/hiredis.h>
 #include <unistd.h>
@@ -18,21 +19,21 @@ namespace bmsg_tool {
 namespace {
 
 constexpr size_t status_kept = 5;
+// SCAN ... COUNT 1000 answers with about a thousand keys (a few more when a
+// hash bucket holds several), beyond the bound of 64 elements the library
+// sets on its connections; 65536 still caps what one hostile array header
+// makes hiredis 1.x reserve at 512 KiB.
+constexpr unsigned scan_reply_elements = 1u << 16;
 
 std::mutex status_lock;
 std::deque<std::string> statuses;
 
-void follow_status(const Options& o)
+void keep_status(const char*, const char* payload, size_t len, void*)
 {
-    auto bus = open_bus(o);
-    if (!bus)
-        return;
-    bus->subscribe(bus->system_status, [](const char*, const char* payload, size_t len, void*) {
-        std::lock_guard<std::mutex> lock(status_lock);
-        statuses.push_back(now_text() + " " + std::string(payload, len));
-        if (statuses.size() > status_kept)
-            statuses.pop_front();
-    });
+    std::lock_guard<std::mutex> lock(status_lock);
+    statuses.push_back(now_text() + " " + escaped(payload, len));
+    if (statuses.size() > status_kept)
+        statuses.pop_front();
 }
 
 // Keys of the sample lists (BIOMETRIC_SAMPLE_*), by SCAN; false when the
@@ -109,8 +110,10 @@ void add_watch_command(CLI::App& app, Action& action)
             auto bus = open_bus(o);
             if (!bus)
                 return 1;
-            // Blocks in subscribe for the life of the process.
-            std::thread(follow_status, o).detach();
+#if HIREDIS_MAJOR >= 1
+            bus->redis_context()->reader->maxelements = scan_reply_elements;
+#endif
+            bMSG::Subscription status(*bus, {bus->system_status}, keep_status);
             const bool terminal = isatty(STDOUT_FILENO);
             for (long i = 0; rounds == 0 || i < rounds; ++i) {
                 if (i > 0)
@@ -118,8 +121,7 @@ void add_watch_command(CLI::App& app, Action& action)
                 if (!draw(*bus, terminal))
                     return fail("lost the server");
             }
-            fflush(stdout);
-            _exit(0);  // the status thread is still blocked in subscribe
+            return 0;
         };
     });
 }
