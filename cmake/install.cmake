@@ -11,8 +11,15 @@ include(${CMAKE_CURRENT_LIST_DIR}/lua_module_dir.cmake)
 
 install(TARGETS bmsg EXPORT bmsgTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT libs NAMELINK_COMPONENT dev)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/bmsg.pc.in bmsg.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/bmsg.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+# bmsg.pc names the prefix of the install, chosen at install time like the
+# Lua module link's (cpack's /usr, or cmake --install --prefix).
+install(CODE "set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+  set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+  set(PROJECT_VERSION ${PROJECT_VERSION})
+  set(pc \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/bmsg.pc\")
+  message(STATUS \"Installing: \${pc}\")
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/bmsg.pc.in \${pc} @ONLY)
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \${pc})" COMPONENT dev)
 
 set(bmsg_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/bmsg)
 install(EXPORT bmsgTargets NAMESPACE bmsg:: DESTINATION ${bmsg_cmake_dir} COMPONENT dev)
