@@ -23,6 +23,6 @@ for mode in OFF ON; do
   "$work/consumer-$mode/consumer" "$work/redis.sock"
   echo "consumer built with $([ $mode = ON ] && echo pkg-config || echo find_package) ran"
 done
-"$work/root/usr/bin/bmsg" --help | grep -q '^Usage: bmsg'
+"$work/root/usr/bin/bmsg" --help | grep '^Usage: bmsg' >/dev/null
 LUA_CPATH="$libdir/lua/5.1/?.so" luajit -e 'assert(require("bmsg").messager)'
 echo "bmsg --help and the Lua module ran from the packages"
