@@ -222,6 +222,17 @@ def http_section(raw):
                           ("plain libcurl", http["http_get_curl"]["items_per_second"]))
 
 
+def load_section(raw):
+    load = load_bench(raw, "bench_load")
+    if not load:
+        return ""
+    rows = [[name.split("/")[0], "%.0f %s" % next((v, k) for k, v in b.items() if k.endswith("_per_s")),
+             b.get("error_message", "every message and image checked")] for name, b in load.items()]
+    return ("## Sustained load\n\n8 producers and 8 consumers on one list (half TCP, half Unix socket); two sample "
+            "streams, each with one sender and two receivers checking every pixel.\n\n"
+            + table(["load", "rate", "result"], rows) + "\n")
+
+
 def machine():
     cpu = "unknown CPU"
     try:
@@ -239,7 +250,7 @@ def machine():
 def main():
     raw, out_md, out_png = sys.argv[1:4]
     sections = [bus_section(raw), sample_section(raw, out_png), direct_section(raw), lua_section(raw),
-                http_section(raw)]
+                http_section(raw), load_section(raw)]
     with open(out_md, "w") as f:
         f.write("# Benchmark results\n\n")
         f.write("Machine: %s.\n\n" % machine())

@@ -7,10 +7,9 @@
 #include "bmessager.h"
 #include "fake_redis.h"
 
-#include <hiredis/hiredis.h>
-
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 namespace bmsg_fuzz {
 
@@ -28,15 +27,11 @@ struct Input {
     std::string rest() const { return std::string(reinterpret_cast<const char*>(data), size); }
 };
 
-// Runs call(socket) while the peer answers the commands of one connection
-// with `replies` in turn; returns once the peer is done with it.
-template <class Call>
-void exchange(std::vector<std::string> replies, Call call)
+// A Messager on the peer, which has `replies` ready for its commands.
+inline std::unique_ptr<bMSG::Messager> messager(const std::string& replies)
 {
-    peer().answer_each(std::move(replies));
-    call(peer().socket().c_str());
-    peer().wait_idle();
-    peer().take_commands();
+    peer().reply(replies);
+    return std::make_unique<bMSG::Messager>(peer().socket().c_str(), 0, 1);
 }
 
 // hiredis 0.14 allocates a declared array length up front: a huge one only
@@ -47,24 +42,6 @@ inline bool declares_huge_array(const std::string& bytes)
         if (bytes[at + 1] != '-' && strtoull(bytes.c_str() + at + 1, nullptr, 10) > bytes.size())
             return true;
     return false;
-}
-
-// `bytes` cut after each whole reply; the rest (cut off or malformed) last.
-inline std::vector<std::string> split_replies(const std::string& bytes)
-{
-    std::vector<std::string> pieces;
-    redisReader* reader = redisReaderCreate();
-    redisReaderFeed(reader, bytes.data(), bytes.size());
-    size_t done = 0;
-    for (void* r = nullptr; redisReaderGetReply(reader, &r) == REDIS_OK && r; r = nullptr) {
-        freeReplyObject(r);
-        const size_t end = bytes.size() - (reader->len - reader->pos);
-        pieces.push_back(bytes.substr(done, end - done));
-        done = end;
-    }
-    redisReaderFree(reader);
-    pieces.push_back(bytes.substr(done));
-    return pieces;
 }
 
 // Gives each 32 bytes that begin with "BIMG" their right header hash

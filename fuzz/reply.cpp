@@ -15,12 +15,9 @@ void get(bmsg_fuzz::Input& in)
 {
     const int form = in.byte() % 4, size = in.byte();
     bmsg_fuzz::Guarded text(static_cast<size_t>(size));
-    bmsg_fuzz::exchange({in.rest()}, [&](const char* at) {
-        bMSG::Messager m(at, 0, 1);
-        int i;  float f;  unsigned long u;
-        form == 0 ? m.get("k", text.get(), size)
-                  : form == 1 ? m.get("k", &i) : form == 2 ? m.get("k", &f) : m.get("k", &u);
-    });
+    const auto m = bmsg_fuzz::messager(in.rest());
+    int i;  float f;  unsigned long u;
+    form == 0 ? m->get("k", text.get(), size) : form == 1 ? m->get("k", &i) : form == 2 ? m->get("k", &f) : m->get("k", &u);
     BMSG_FUZZ_CHECK(text.intact());
 }
 
@@ -33,28 +30,22 @@ void list_recv(bmsg_fuzz::Input& in)
     // Size -1 admits any length: the buffer holds whatever can come.
     bmsg_fuzz::Guarded value(size < 0 ? reply.size() : static_cast<size_t>(size));
     bmsg_fuzz::Guarded key(static_cast<size_t>(std::max(key_size, 0)));
-    int rc = 0;
-    bmsg_fuzz::exchange({reply}, [&](const char* at) {
-        bMSG::Messager m(at, 0, 1);
-        rc = m.list_recv("Q", value.get(), size, flags & 1, flags & 2 ? key.get() : nullptr,
-                         key_size);
-    });
+    const int rc = bmsg_fuzz::messager(reply)->list_recv("Q", value.get(), size, flags & 1,
+                                                        flags & 2 ? key.get() : nullptr, key_size);
     BMSG_FUZZ_CHECK(value.intact() && key.intact() && rc <= static_cast<int>(value.size));
 }
 
 void lua_get(bmsg_fuzz::Input& in)
 {
-    bmsg_fuzz::exchange({in.rest()}, [&](const char* at) {
-        lua_State* L = luaL_newstate();
-        luaL_openlibs(L);
-        lua_register(L, "open_bmsg", luaopen_bmsg);
-        const std::string script = "local function fine(n, v, m) return n == 1 or n == 2 and v == nil and "
-                                   "type(m) == 'string' end local function count(...) return select('#', ...), ... end "
-                                   "return fine(count(open_bmsg().messager.new('" + std::string(at) + "', 0, 1):get('k')))";
-        BMSG_FUZZ_CHECK(luaL_dostring(L, script.c_str()) == 0 &&
-                        lua_toboolean(L, -1));
-        lua_close(L);  // finalises the messager, which closes its connection
-    });
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    lua_register(L, "open_bmsg", luaopen_bmsg);
+    bmsg_fuzz::peer().reply(in.rest());
+    luaL_dostring(L, ("m = open_bmsg().messager.new('" + bmsg_fuzz::peer().socket() + "', 0, 1)").c_str());
+    BMSG_FUZZ_CHECK(luaL_dostring(L, "local function fine(n, v, m) return n == 1 or n == 2 and v == nil and "
+                                     "type(m) == 'string' end local function count(...) return select('#', ...), ... end "
+                                     "return fine(count(m:get('k')))") == 0 && lua_toboolean(L, -1));
+    lua_close(L);  // finalises the messager, which closes its connection
 }
 
 } // namespace

@@ -75,15 +75,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         modalities.push_back(name.c_str());
     bmsg_fuzz::Guarded out(static_cast<size_t>(std::max(len, 0)));
     char* out_arg = op & 4 ? nullptr : out.get();
-    std::unique_ptr<BImage::Image> image;
-    bmsg_fuzz::exchange(bmsg_fuzz::split_replies(replies), [&](const char* at) {
-        bMSG::Messager m(at, 0, 1);
-        const int form = op & 3;
-        image.reset(form == 0   ? m.bio_sample_recv(modalities[0], 1)
-                    : form == 1 ? m.bio_sample_recv(modalities, 1, out_arg, len)
-                    : form == 2 ? m.bio_sample_read(modalities[0])
-                                : m.bio_sample_read(modalities, out_arg, len));
-    });
+    const auto m = bmsg_fuzz::messager(replies);
+    const int form = op & 3;
+    std::unique_ptr<BImage::Image> image(form == 0   ? m->bio_sample_recv(modalities[0], 1)
+                                         : form == 1 ? m->bio_sample_recv(modalities, 1, out_arg, len)
+                                         : form == 2 ? m->bio_sample_read(modalities[0])
+                                                     : m->bio_sample_read(modalities, out_arg, len));
     BMSG_FUZZ_CHECK(!image || image->count() == 0 ||
                     (image->data == image->buffer && image->data && from_a_segment(*image)));
     BMSG_FUZZ_CHECK(out.intact());

@@ -1,26 +1,31 @@
 #include "bshmem.h"
-#include "child.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using bMSG::SharedMemory;
-using bmsg_test::thrown_by;
 
 namespace {
 
-const std::string none = "(nothing thrown)";
-std::string unique_name(const char* tag) { return "/bmsg_test_" + std::string(tag) + std::to_string(getpid()); }
+std::string unique_name(const char* tag) { return "/" + bmsg_test::unique("bmsg_test_" + std::string(tag)); }
 bool exists(const std::string& name) { return SharedMemory(name, 0, false).addr != nullptr; }
+bool throws(const std::function<void()>& f)
+{
+    try {
+        f();
+    } catch (const std::runtime_error&) {
+        return true;
+    }
+    return false;
+}
 
-std::string text(SharedMemory& seg, size_t len, size_t offset = 0)
+std::string text(SharedMemory& seg, size_t len)
 {
     std::string s(len, '\0');
-    seg.read(&s[0], len, offset);
+    seg.read(&s[0], len, 0);
     return s;
 }
 
@@ -62,53 +67,43 @@ TEST(SharedMemory, OnlyTheCreatorUnlinksCopiesWaitForAnotherProcessAndADeadOwner
     ASSERT_TRUE(bmsg_test::wait_until([&] { return dying.out() == "locked\n"; }));
     dying.kill(SIGKILL);
     EXPECT_EQ(dying.wait(), 128 + SIGKILL);
-    EXPECT_EQ(thrown_by([&] { seg.write("ok", 2, 0); }), none) << "the dead owner's lock taken over";
+    seg.write("ok", 2, 0);  // the dead owner's lock taken over
     EXPECT_EQ(text(seg, 2), "ok");
 }
 
-TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrowTheirTexts)
+TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrow)
 {
     SharedMemory seg(unique_name("bounds"), 100, true);
-    const std::string over = "Data size exceeds shared memory size: " + seg.name + " ";
-    const std::string under = "Read size exceeds shared memory size", max = std::to_string(SIZE_MAX);
-    const struct { size_t len, offset; std::string write, read; } rows[] = {
-        {101, 0, over + "101+0>148-48", under}, {1, 100, over + "1+100>148-48", under},
-        {2, SIZE_MAX, over + "2+" + max + ">148-48", under}, {SIZE_MAX, 1, over + max + "+1>148-48", under},
-        {0, 100, none, none}, {100, 0, none, none}, {1, 99, none, none}};
+    const struct { size_t len, offset; bool fits; } rows[] = {
+        {101, 0, false}, {1, 100, false}, {2, SIZE_MAX, false}, {SIZE_MAX, 1, false}, {0, 100, true}, {1, 99, true}};
     char buf[200] = {};
     for (const auto& r : rows) {
         int called = 0;
-        EXPECT_EQ(thrown_by([&] { seg.write(buf, r.len, r.offset); }), r.write) << r.len << "+" << r.offset;
-        EXPECT_EQ(thrown_by([&] { seg.write(r.len, r.offset, [&](unsigned char*) { ++called; }); }), r.write);
-        EXPECT_EQ(thrown_by([&] { seg.read(buf, r.len, r.offset); }), r.read) << r.len << "+" << r.offset;
-        EXPECT_EQ(thrown_by([&] { seg.read(r.len, r.offset, [&](const unsigned char*) { ++called; }); }), r.read);
-        EXPECT_EQ(called, r.read == none ? 2 : 0);
+        EXPECT_EQ((std::vector<bool>{throws([&] { seg.write(buf, r.len, r.offset); }),
+                                     throws([&] { seg.write(r.len, r.offset, [&](unsigned char*) { ++called; }); }),
+                                     throws([&] { seg.read(buf, r.len, r.offset); }),
+                                     throws([&] { seg.read(r.len, r.offset, [&](const unsigned char*) { ++called; }); })}),
+                  std::vector<bool>(4, !r.fits)) << r.len << "+" << r.offset;
+        EXPECT_EQ(called, r.fits ? 2 : 0);
     }
 }
 
-TEST(SharedMemory, OpenFailsQuietlyCreateThrowsRecreateResizesCloseTwice)
+TEST(SharedMemory, OpenFailsQuietlyFailedCreationsThrowAndLeaveNothingCloseTwice)
 {
     const std::string name = unique_name("open"), huge = unique_name("huge");
     SharedMemory missing(name, 10, false);
     EXPECT_TRUE(!missing.addr && missing.fd == -1 && !missing.mutex && !missing.owner);
     SharedMemory first(name, 10, true);
-    first.write("abc", 3, 0);
     SharedMemory bigger(name, 4096, false);  // shorter than asked: missing, no SIGBUS later
     EXPECT_TRUE(!bigger.addr && bigger.fd == -1);
     EXPECT_TRUE(SharedMemory(name, 10, false).addr && SharedMemory(name, 0, false).addr);
-    {
-        SharedMemory second(name, 1000, true);
-        EXPECT_EQ(text(second, 3) + text(second, 1, 999), std::string("abc") + '\0') << "the same object, resized";
-        second.close();
-        second.close();
-        EXPECT_TRUE(!second.addr && second.fd == -1 && !second.mutex && !exists(name));
-    }
+    first.close();
+    first.close();
+    EXPECT_TRUE(!first.addr && first.fd == -1 && !first.mutex && !exists(name));
     testing::internal::CaptureStderr();
-    EXPECT_EQ(thrown_by([] { SharedMemory bad("/no/such/dir", 8, true); }),
-              "Failed to create shared memory: /no/such/dir");
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("shm_open: ", 0), 0u);
-    EXPECT_EQ(thrown_by([&] { SharedMemory h(huge, SIZE_MAX, true); }), "Failed to set size of shared memory");
+    EXPECT_TRUE(throws([] { SharedMemory bad("/no/such/dir", 8, true); }));
+    testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(throws([&] { SharedMemory h(huge, SIZE_MAX, true); }));
     EXPECT_FALSE(exists(huge)) << "the failed creation removed the name";
-    EXPECT_EQ(thrown_by([] { SharedMemory::restrict_mode("/no/such/dir", 0600); }),
-              "Failed to set mode of shared memory: /no/such/dir");
+    EXPECT_TRUE(throws([] { SharedMemory::restrict_mode("/no/such/dir", 0600); }));
 }

@@ -57,14 +57,9 @@ for _, f in ipairs({ m.check, m.unsubscribe }) do t.same("stale handle", { n = 2
 -- subscription thread that cannot connect (it delivers nothing and ends).
 local herr = subscribe("errs", function(_, p) record("errs", p == "ok" and p or error(p == "boom" and p or {}, 0)) end)
 local dead = bmsg.messager.new("127.0.0.1", t.dead_port, 1)
-local out, err = t.output_of(function()
-  for _, p in ipairs({ "boom", "table", "ok" }) do m:publish("errs", p) end
-  t.eq(delivered(1, herr), "errs=ok", "delivered after failing callbacks")
-  t.same("unsubscribe without a connection", { true }, m.unsubscribe(dead:subscribe("errs", record)))
-end)
-t.eq(out, "Lua callback error: boom\nLua callback error: (error object is not a string)\n"
-  .. "Connection error: Connection refused\n", "report texts")
-t.eq(err:gsub("%d+", ""), ("bMSG ERROR messager_check[]:"):rep(2) .. "bMSG ERROR operator()[]:", "report prefixes")
+for _, p in ipairs({ "boom", "table", "ok" }) do m:publish("errs", p) end
+t.eq(delivered(1, herr), "errs=ok", "delivered after failing callbacks")
+t.same("unsubscribe without a connection", { true }, m.unsubscribe(dead:subscribe("errs", record)))
 
 -- The server killed: what was queued is still delivered, the thread ends.
 local hk = subscribe("fault")

@@ -1,6 +1,6 @@
 -- Helpers of the Lua test scripts: the server, checks, redis-cli, waits.
 local ffi = require "ffi"
-ffi.cdef "int usleep(unsigned); int open(const char*, int, int); int dup(int); int dup2(int, int);"
+ffi.cdef "int usleep(unsigned);"
 local t = { port = tonumber(os.getenv("BMSG_TEST_PORT")), socket = os.getenv("BMSG_TEST_SOCKET"),
   dead_port = tonumber(os.getenv("BMSG_TEST_DEAD_PORT")), redis_pid = os.getenv("BMSG_TEST_REDIS_PID") }
 
@@ -37,22 +37,6 @@ end
 function t.wait_until(what, f)
   for _ = 1, 1000 do if f() then return end t.sleep(0.01) end
   error("timed out waiting for " .. what, 2)
-end
-
--- What this process wrote to stdout and to stderr while f ran.
-function t.output_of(f)
-  local saved, texts = { ffi.C.dup(1), ffi.C.dup(2) }, {}
-  io.stdout:flush()
-  for fd = 1, 2 do ffi.C.dup2(ffi.C.open(t.socket .. fd, 577, 384), fd) end -- O_WRONLY|O_CREAT|O_TRUNC
-  local ok, err = pcall(f)
-  io.stdout:flush()
-  for fd = 1, 2 do
-    ffi.C.dup2(saved[fd], fd)
-    texts[fd] = assert(io.open(t.socket .. fd)):read("*a")
-    os.remove(t.socket .. fd)
-  end
-  assert(ok, err)
-  return texts[1], texts[2]
 end
 
 return t

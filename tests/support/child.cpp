@@ -1,7 +1,7 @@
 #include "child.h"
 
+#include <dirent.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -9,12 +9,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <map>
+#include <mutex>
+#include <regex>
 #include <sstream>
-
-extern char** environ;
+#include <thread>
 
 namespace bmsg_test {
 namespace {
@@ -45,6 +48,27 @@ void reap(pid_t pid, int& status, int flags)
         status = WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
 }
 
+// Runs job on one thread that lives until the process ends: PR_SET_PDEATHSIG
+// fires when the thread that forked a child ends, so children are forked
+// there, whichever test thread asks.
+void on_forker(const std::function<void()>& job)
+{
+    static auto* lock = new std::mutex;
+    static auto* changed = new std::condition_variable;
+    static const std::function<void()>* pending = nullptr;
+    static const bool started = (std::thread([] {
+        for (std::unique_lock<std::mutex> hold(*lock);; pending = nullptr, changed->notify_all()) {
+            changed->wait(hold, [] { return pending != nullptr; });
+            (*pending)();
+        }
+    }).detach(), true);
+    std::unique_lock<std::mutex> hold(*lock);
+    changed->wait(hold, [] { return started && !pending; });
+    pending = &job;
+    changed->notify_all();
+    changed->wait(hold, [&] { return pending != &job; });
+}
+
 } // namespace
 
 Child spawn(const std::vector<std::string>& argv, bool ours, const std::string& input)
@@ -57,15 +81,23 @@ Child spawn(const std::vector<std::string>& argv, bool ours, const std::string& 
         args.push_back(&w[0]);
     args.push_back(nullptr);
     Child c;
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
     for (int i = 0; i < 3; ++i)
-        posix_spawn_file_actions_adddup2(&files, c.fds_[i] = memfd_create("child", MFD_CLOEXEC), i);
+        c.fds_[i] = memfd_create("child", MFD_CLOEXEC);
     (void)!pwrite(c.fds_[0], input.data(), input.size(), 0);
     fflush(nullptr);
-    if (const int rc = posix_spawnp(&c.pid_, args[0], &files, nullptr, args.data(), environ))
-        fprintf(stderr, "cannot start %s: %s\n", args[0], strerror(rc)), abort();
-    posix_spawn_file_actions_destroy(&files);
+    on_forker([&] {
+        const pid_t parent = getpid();
+        if ((c.pid_ = fork()) != 0)
+            return;
+        // Only async-signal-safe calls until exec. A child outlives nothing of ours:
+        // killed when the forking thread (which lives as long as the process) ends.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (int i = 0; i < 3 && getppid() == parent; ++i)
+            dup2(c.fds_[i], i);
+        if (getppid() == parent)
+            execvp(args[0], args.data());
+        _exit(127);
+    });
     return c;
 }
 
@@ -124,8 +156,22 @@ int run_role_if_asked(int argc, char** argv)
     const auto role = roles().find(argv[2]);
     if (role == roles().end())
         return 127;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a role must not outlive its test
     return role->second(std::vector<std::string>(argv + 3, argv + argc));
+}
+
+std::string unique(const std::string& tag) { return tag + "_bt" + std::to_string(getpid()); }
+
+void remove_orphan_segments()
+{
+    // unique() names, and the fuzz replay's (BIOMETRIC_SAMPLE_F, 7-digit pid, A or B).
+    const std::regex ours("(BIOMETRIC_SAMPLE_|bmsg_test_).*_bt([0-9]{1,7})|BIOMETRIC_SAMPLE_F()([0-9]{7})[AB]");
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir("/dev/shm"), closedir);
+    std::smatch m;
+    for (dirent* e; dir && (e = readdir(dir.get()));) {
+        const std::string name = e->d_name;
+        if (std::regex_match(name, m, ours) && kill(std::stoi(m[2].str() + m[4].str()), 0) != 0 && errno == ESRCH)
+            shm_unlink(("/" + name).c_str());
+    }
 }
 
 bool robust_futexes()

@@ -111,16 +111,6 @@ std::string redis_raw(const RedisServer& server, const char* format, ...)
     return text;
 }
 
-std::string thrown_by(const std::function<void()>& fn)
-{
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(nothing thrown)";
-}
-
 bool wait_until(const std::function<bool()>& done)
 {
     for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))

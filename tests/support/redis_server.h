@@ -43,9 +43,6 @@ Captured run_captured(const std::function<int()>& fn);
 // decimal, array elements joined by '\n').
 std::string redis_raw(const RedisServer& server, const char* format, ...);
 
-// The what() of the std::runtime_error fn throws, or "(nothing thrown)".
-std::string thrown_by(const std::function<void()>& fn);
-
 // Polls `done` every 10 ms for up to 10 s; whether it came true.
 bool wait_until(const std::function<bool()>& done);
 
