@@ -183,23 +183,16 @@ TEST(Https, VerifiesTheServerAndPresentsTheDevice)
              {"127.0.0.1", mutual, "ca.pem", "", "missing.pem", "/status/200", err(58, 65)},
              {"127.0.0.1", good, "ca.pem", "", "", "/downgrade", err(2001, 67)},
          }) {
-        bMSG::HttpTls tls;
-        tls.https = true;
-        tls.ca_file = r.ca.empty() ? "" : d + "/" + r.ca;
-        tls.pinned_public_key = r.pin;
-        tls.client_cert = r.cert.empty() ? "" : d + "/" + r.cert;
-        tls.client_key = r.cert.empty() ? "" : d + "/device.key";
+        const auto file = [&d](const std::string& name) { return name.empty() ? name : d + "/" + name; };
         bHttpClient c(r.host, r.port, 0, 5);
-        c.set_tls(tls);
+        c.set_tls({true, file(r.ca), r.pin, file(r.cert), file(r.cert.empty() ? "" : "device.key")});
         std::string seen = call(c, nullptr, r.path);
         if (seen == err(55, 65))  // the refusal of a missing client certificate came before our request
             seen = err(56, 65);
         EXPECT_EQ(seen, r.expected) << r.host << ":" << r.port << r.path;
     }
-    bMSG::HttpTls tls;
-    tls.https = true;
     bHttpClient c("h", 1, 0, 0);
-    c.set_tls(tls);
+    c.set_tls({true, "", "", "", ""});
     EXPECT_EQ(c.to_url("/s"), "https://h:1/s");
     EXPECT_EQ(c.to_url("http://o/a"), "http://o/a");
 }
