@@ -222,6 +222,21 @@ def http_section(raw):
                           ("plain libcurl", http["http_get_curl"]["items_per_second"]))
 
 
+def https_section(raw):
+    http = load_bench(raw, "bench_http")
+    if not http or "https_get_client" not in http:
+        return ""
+    plain, tls = (1e6 / http[n]["items_per_second"] for n in ("http_get_client", "https_get_client"))
+    text = "## HTTPS against plain HTTP (`get` on the same local nginx)\n\n"
+    text += ("Request time of `bHttpClient::get`, one request at a time, each on a new connection (the "
+             "client asks for `Connection: close`), so every HTTPS request pays a full TLS handshake "
+             "(ECDSA P-256 server certificate, verified against the run's CA, host name checked).\n\n")
+    text += table(["transport", "us per request", "requests/s"],
+                  [["HTTP", "%.0f" % plain, "%.0f" % (1e6 / plain)], ["HTTPS", "%.0f" % tls, "%.0f" % (1e6 / tls)],
+                   ["HTTPS / HTTP", "%.2f" % (tls / plain), ""]])
+    return text + "\n"
+
+
 def machine():
     cpu = "unknown CPU"
     try:
@@ -239,7 +254,7 @@ def machine():
 def main():
     raw, out_md, out_png = sys.argv[1:4]
     sections = [bus_section(raw), sample_section(raw, out_png), direct_section(raw), lua_section(raw),
-                http_section(raw)]
+                http_section(raw), https_section(raw)]
     with open(out_md, "w") as f:
         f.write("# Benchmark results\n\n")
         f.write("Machine: %s.\n\n" % machine())

@@ -31,17 +31,8 @@ pids+=($!)
 # The run's CA and the web service's certificate for 127.0.0.1, signed by it.
 # The keys stay in the run's directory, readable by this user only; the
 # consumer is given the CA's certificate (BMSG_DEMO_CA), nothing secret.
-make_certs() {
-  local key=(-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes)
-  umask 077
-  openssl req -x509 "${key[@]}" -subj /CN=bmsg-demo-ca -days 1 -keyout "$dir/ca.key" -out "$dir/ca.pem"
-  openssl req -new "${key[@]}" -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 \
-    -keyout "$dir/web.key" -out "$dir/web.csr"
-  openssl x509 -req -in "$dir/web.csr" -CA "$dir/ca.pem" -CAkey "$dir/ca.key" -days 1 \
-    -copy_extensions copy -out "$dir/web.pem"
-}
-( make_certs ) 2>"$dir/openssl.log" || { cat "$dir/openssl.log" >&2; exit 1; }
-python3 "$here/web.py" "$dir/web.port" "$dir/web.pem" "$dir/web.key" &
+"$here/../../scripts/local-ca" "$dir" bmsg-demo-ca
+python3 "$here/web.py" "$dir/web.port" "$dir/server.pem" "$dir/server.key" &
 pids+=($!)
 for _ in $(seq 200); do [ -S "$dir/redis.sock" ] && [ -s "$dir/web.port" ] && break; sleep 0.05; done
 web_port=$(cat "$dir/web.port")
