@@ -75,7 +75,7 @@ using HttpResponseCallback = std::function<void(const char*, const void*, size_t
 // (error, state); see above.
 using HttpErrorCallback = std::function<void(int, int)>;
 
-// TLS settings of a client (set_tls). File names are read at each request;
+// TLS settings of a client (set_tls). The files are read at each request;
 // the files' contents are never printed. A request that cannot use them
 // (a missing or unreadable file, a pin that does not match) fails with
 // HTTP_STATE_SSL_ERROR and libcurl's code, e.g. 60 an unverifiable server
