@@ -1,6 +1,8 @@
 // Requests per second of bHttpClient::get against a local nginx, next to the
 // same loop written directly with libcurl (one easy handle per request, the
-// same three headers, the body gathered in memory).
+// same three headers, the body gathered in memory); and the same get over
+// HTTPS on the same nginx (a full TLS handshake per request, the server
+// verified by the CA bench/run made for it).
 #include "bench_common.h"
 #include "bhttpclient.h"
 
@@ -11,14 +13,13 @@
 
 namespace {
 
-uint16_t http_port()
+uint16_t http_port(const char* variable = "BMSG_BENCH_HTTP_PORT")
 {
-    return static_cast<uint16_t>(atoi(bench::env("BMSG_BENCH_HTTP_PORT")));
+    return static_cast<uint16_t>(atoi(bench::env(variable)));
 }
 
-void http_get_client(benchmark::State& state)
+void get_loop(benchmark::State& state, bMSG::bHttpClient& client)
 {
-    bMSG::bHttpClient client("127.0.0.1", http_port(), 0, 0);
     size_t bytes = 0;
     bool failed = false;
     for (auto _ : state) {
@@ -31,6 +32,22 @@ void http_get_client(benchmark::State& state)
     }
     state.SetItemsProcessed(state.iterations());
     benchmark::DoNotOptimize(bytes);
+}
+
+void http_get_client(benchmark::State& state)
+{
+    bMSG::bHttpClient client("127.0.0.1", http_port(), 0, 0);
+    get_loop(state, client);
+}
+
+void https_get_client(benchmark::State& state)
+{
+    bMSG::bHttpClient client("127.0.0.1", http_port("BMSG_BENCH_HTTPS_PORT"), 0, 0);
+    bMSG::HttpTls tls;
+    tls.https = true;
+    tls.ca_file = bench::env("BMSG_BENCH_HTTPS_CA");
+    client.set_tls(tls);
+    get_loop(state, client);
 }
 
 size_t gather(char* data, size_t size, size_t n, void* body)
@@ -72,5 +89,6 @@ void http_get_curl(benchmark::State& state)
 
 BENCHMARK(http_get_client);
 BENCHMARK(http_get_curl);
+BENCHMARK(https_get_client);
 
 BENCHMARK_MAIN();

@@ -233,6 +233,26 @@ def load_section(raw):
             + table(["load", "rate", "result"], rows) + "\n")
 
 
+def https_section(raw):
+    http = load_bench(raw, "bench_http")
+    if not http or "https_get_client" not in http:
+        return ""
+    scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3}
+    rows, times = [], []
+    for label, name in (("HTTP", "http_get_client"), ("HTTPS", "https_get_client")):
+        b = http[name]
+        wall, cpu = (b[k] * scale[b["time_unit"]] for k in ("real_time", "cpu_time"))
+        times.append((wall, cpu))
+        rows.append([label, "%.0f" % wall, "%.0f" % cpu])
+    rows.append(["HTTPS / HTTP", "%.1f" % (times[1][0] / times[0][0]), "%.1f" % (times[1][1] / times[0][1])])
+    text = "## HTTPS against plain HTTP (`get` on the same local nginx)\n\n"
+    text += ("Request time of `bHttpClient::get`, one request at a time, each on a new connection (the "
+             "client asks for `Connection: close`), so every HTTPS request pays a full TLS handshake "
+             "(ECDSA P-256 server certificate, verified against the run's CA, host name checked).\n\n")
+    text += table(["transport", "wall us per request", "client CPU us per request"], rows)
+    return text + "\n"
+
+
 def machine():
     cpu = "unknown CPU"
     try:
@@ -250,7 +270,7 @@ def machine():
 def main():
     raw, out_md, out_png = sys.argv[1:4]
     sections = [bus_section(raw), sample_section(raw, out_png), direct_section(raw), lua_section(raw),
-                http_section(raw), load_section(raw)]
+                http_section(raw), https_section(raw), load_section(raw)]
     with open(out_md, "w") as f:
         f.write("# Benchmark results\n\n")
         f.write("Machine: %s.\n\n" % machine())

@@ -32,6 +32,9 @@
 // HTTP_STATE_SYS_ERROR with ETIMEDOUT (a name lookup that did not finish:
 // HTTP_STATE_DNS_ERROR with EAI_AGAIN).
 //
+// HTTPS: see HttpTls and set_tls below. Every https transfer verifies the
+// server's certificate chain and host name; there is no way to turn that off.
+//
 // The client reads no environment variables: libcurl's proxy variables
 // (http_proxy, HTTPS_PROXY, ALL_PROXY, NO_PROXY) are ignored, requests always
 // go straight to the URL's host.
@@ -72,6 +75,20 @@ using HttpResponseCallback = std::function<void(const char*, const void*, size_t
 // (error, state); see above.
 using HttpErrorCallback = std::function<void(int, int)>;
 
+// TLS settings of a client (set_tls). The files are read at each request;
+// the files' contents are never printed. A request that cannot use them
+// (a missing or unreadable file, a pin that does not match) fails with
+// HTTP_STATE_SSL_ERROR and libcurl's code, e.g. 60 an unverifiable server
+// (unknown CA, wrong host name, expired), 77 a bad ca_file, 58 a bad client
+// certificate or key, 90 a pin mismatch.
+struct HttpTls {
+    bool https = false;            // composed URLs use https:// instead of http://
+    std::string ca_file;           // PEM bundle that verifies the server; empty: the system's
+    std::string pinned_public_key; // libcurl's "sha256//BASE64" form; empty: no pin
+    std::string client_cert;       // PEM certificate presented for mutual TLS; empty: none
+    std::string client_key;        // its PEM private key
+};
+
 class BMSG_API bHttpClient {
 public:
     // Stores the four values and does nothing else. `host` is not copied:
@@ -82,10 +99,26 @@ public:
 
     // The URL for `path`: `path` unchanged when it contains "http" anywhere
     // (case-sensitive; a whole URL, possibly to another server), otherwise
-    // "http://" + host + ":" + port + ("/" unless path starts with '/') +
-    // path. Nothing is escaped or checked. Throws std::logic_error for a
-    // null path, and for a null host when a URL has to be composed.
+    // "http://" (with set_tls's https: "https://") + host + ":" + port +
+    // ("/" unless path starts with '/') + path. Nothing is escaped or
+    // checked. Throws std::logic_error for a null path, and for a null host
+    // when a URL has to be composed.
     std::string to_url(const char* path) const;
+
+    // Copies `tls` into the client for the requests that start afterwards
+    // (not while a request runs on it). The settings apply to every https
+    // transfer of the client, also to whole URLs passed as the path and to
+    // redirects. A non-empty ca_file is the only set of trusted CAs (the
+    // system's are then not consulted). With https on:
+    //  - a redirect to a plain http:// URL is not followed
+    //    (HTTP_STATE_TASK_ERROR, HTTP_ERR_BAD_REDIRECT);
+    //  - a connection that the server ends after the TLS handshake and
+    //    before any response header (TLS 1.3 servers send their verdict on
+    //    the client's certificate then) is reported as HTTP_STATE_SSL_ERROR
+    //    with libcurl's code (55 or 56), not as ECONNRESET.
+    // A client without set_tls behaves as before. Unlike the four plain
+    // values above, the settings are owned (copied) by the client.
+    void set_tls(const HttpTls& tls);
 
     // GET to_url(path) with the headers Accept "*/*", User-Agent
     // "Wget/1.14 (gnu-linux)" and Connection "close", in that order, and no
@@ -112,6 +145,9 @@ public:
     unsigned short port;
     int retry_max;      // retries after a transport failure
     int redirect_max;   // redirects followed
+
+private:
+    HttpTls tls_;
 };
 
 } // namespace bMSG

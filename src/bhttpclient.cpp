@@ -32,7 +32,7 @@ std::string bHttpClient::to_url(const char* path) const
         return result;
     if (!host)
         throw std::logic_error("bHttpClient::to_url: null host");
-    std::string url = "http://";
+    std::string url = tls_.https ? "https://" : "http://";
     url += host;
     url += ':';
     url += std::to_string(port);
@@ -40,6 +40,11 @@ std::string bHttpClient::to_url(const char* path) const
         url += '/';
     url += result;
     return url;
+}
+
+void bHttpClient::set_tls(const HttpTls& tls)
+{
+    tls_ = tls;
 }
 
 namespace {
@@ -195,6 +200,36 @@ int on_progress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t 
     return 0;
 }
 
+// Sets a text option, empty text leaving it alone. libcurl's own code when
+// it cannot be set (e.g. a TLS back-end without pinning), so that a setting
+// is never silently dropped.
+CURLcode set_text(CURL* h, CURLoption option, const std::string& text)
+{
+    if (text.empty())
+        return CURLE_OK;
+    const CURLcode rc = curl_easy_setopt(h, option, text.c_str());
+    check_alloc(rc != CURLE_OUT_OF_MEMORY);
+    return rc;
+}
+
+// Verification is set on explicitly, whatever libcurl's defaults: nothing
+// in the client turns it off.
+CURLcode configure_tls(CURL* h, const HttpTls& tls)
+{
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+    CURLcode rc = set_text(h, CURLOPT_CAINFO, tls.ca_file);
+    if (rc == CURLE_OK && !tls.ca_file.empty())
+        rc = curl_easy_setopt(h, CURLOPT_CAPATH, nullptr);  // the bundle alone
+    if (rc == CURLE_OK)
+        rc = set_text(h, CURLOPT_PINNEDPUBLICKEY, tls.pinned_public_key);
+    if (rc == CURLE_OK)
+        rc = set_text(h, CURLOPT_SSLCERT, tls.client_cert);
+    if (rc == CURLE_OK)
+        rc = set_text(h, CURLOPT_SSLKEY, tls.client_key);
+    return rc;
+}
+
 void configure(Transfer& t, CURLU* url, const Request& r, curl_slist* headers)
 {
     CURL* h = t.handle.get();
@@ -243,6 +278,16 @@ int lookup_error(CURLU* url)
     return rc;
 }
 
+// Under TLS 1.3 the server's verdict on the client's certificate comes after
+// the client's side of the handshake: an alert or a closed connection at the
+// first write or read, which libcurl reports as a send or receive error.
+bool ended_after_handshake(const Transfer& t)
+{
+    curl_off_t handshake_us = 0;
+    curl_easy_getinfo(t.handle.get(), CURLINFO_APPCONNECT_TIME_T, &handshake_us);
+    return handshake_us > 0 && t.header_bytes == 0;
+}
+
 bool is_tls_error(CURLcode rc)
 {
     switch (rc) {
@@ -268,7 +313,7 @@ bool is_tls_error(CURLcode rc)
 }
 
 // Maps libcurl's result onto the (error, state) pairs callers know.
-Failure failure_of(const Transfer& t, CURLU* url)
+Failure failure_of(const Transfer& t, CURLU* url, const HttpTls& tls)
 {
     CURL* h = t.handle.get();
     long os_errno = 0;
@@ -296,6 +341,8 @@ Failure failure_of(const Transfer& t, CURLU* url)
         return system(ECONNREFUSED);
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
+        if (tls.https && ended_after_handshake(t))
+            return {static_cast<int>(t.result), HTTP_STATE_SSL_ERROR};
         return system(ECONNRESET);
     case CURLE_GOT_NOTHING:
     case CURLE_PARTIAL_FILE:
@@ -316,15 +363,21 @@ Failure failure_of(const Transfer& t, CURLU* url)
     }
 }
 
-std::unique_ptr<Transfer> perform(CURLU* url, const Request& r, curl_slist* headers)
+std::unique_ptr<Transfer> perform(CURLU* url, const Request& r, curl_slist* headers,
+                                  const HttpTls& tls)
 {
     auto t = std::make_unique<Transfer>();
     t->handle.reset(curl_easy_init());
     check_alloc(t->handle != nullptr);
     configure(*t, url, r, headers);
+    t->result = configure_tls(t->handle.get(), tls);
+    if (t->result != CURLE_OK) {
+        t->failure = {static_cast<int>(t->result), HTTP_STATE_SSL_ERROR};
+        return t;
+    }
     t->result = curl_easy_perform(t->handle.get());
     if (t->result != CURLE_OK)
-        t->failure = failure_of(*t, url);
+        t->failure = failure_of(*t, url, tls);
     return t;
 }
 
@@ -336,10 +389,11 @@ bool retryable(const Transfer& t)
 }
 
 std::unique_ptr<Transfer> perform_with_retries(CURLU* url, const Request& r,
-                                               curl_slist* headers, int retry_max)
+                                               curl_slist* headers, int retry_max,
+                                               const HttpTls& tls)
 {
     for (int tries = 0;; ++tries) {
-        std::unique_ptr<Transfer> t = perform(url, r, headers);
+        std::unique_ptr<Transfer> t = perform(url, r, headers, tls);
         if (tries >= retry_max || !retryable(*t))
             return t;
     }
@@ -381,9 +435,19 @@ int respond(const HttpResponseCallback& on_response, const Transfer& t)
     return 0;
 }
 
+// Whether `u` is a plain http:// URL.
+bool is_plain(CURLU* u)
+{
+    char* scheme = nullptr;
+    if (curl_url_get(u, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK)
+        return false;
+    CurlText scheme_text(scheme);
+    return strcasecmp(scheme, "http") == 0;
+}
+
 // The common request: follows redirects, retries, and reports the outcome.
-int request(const bHttpClient& client, const std::string& url_text, Request r,
-            bool standard_headers, const HttpResponseCallback& on_response,
+int request(const bHttpClient& client, const HttpTls& tls, const std::string& url_text,
+            Request r, bool standard_headers, const HttpResponseCallback& on_response,
             const HttpErrorCallback& on_error)
 {
     global_init();
@@ -394,14 +458,15 @@ int request(const bHttpClient& client, const std::string& url_text, Request r,
         return fail(on_error, {bad, HTTP_STATE_TASK_ERROR});
     for (int redirects = 0;; ++redirects) {
         std::unique_ptr<Transfer> t =
-            perform_with_retries(url.get(), r, headers.get(), client.retry_max);
+            perform_with_retries(url.get(), r, headers.get(), client.retry_max, tls);
         if (t->result != CURLE_OK)
             return fail(on_error, t->failure);
         const long status = status_of(*t);
         if (!is_redirect(status) || redirects >= client.redirect_max)
             return respond(on_response, *t);
         const char* location = location_of(*t);
-        if (!location || set_url(url.get(), location) != 0)
+        // With https on, nothing goes on in the clear after a redirect.
+        if (!location || set_url(url.get(), location) != 0 || (tls.https && is_plain(url.get())))
             return fail(on_error, {HTTP_ERR_BAD_REDIRECT, HTTP_STATE_TASK_ERROR});
         if (status <= 303)
             r = Request{nullptr, false, nullptr, 0};
@@ -413,29 +478,29 @@ int request(const bHttpClient& client, const std::string& url_text, Request r,
 int bHttpClient::get(const char* path, HttpResponseCallback on_response,
                      HttpErrorCallback on_error)
 {
-    return request(*this, to_url(path), Request{nullptr, false, nullptr, 0}, true, on_response,
-                   on_error);
+    return request(*this, tls_, to_url(path), Request{nullptr, false, nullptr, 0}, true,
+                   on_response, on_error);
 }
 
 int bHttpClient::post(const char* path, const char* body, size_t length,
                       HttpResponseCallback on_response, HttpErrorCallback on_error)
 {
-    return request(*this, to_url(path), Request{nullptr, true, body, length}, true, on_response,
-                   on_error);
+    return request(*this, tls_, to_url(path), Request{nullptr, true, body, length}, true,
+                   on_response, on_error);
 }
 
 int bHttpClient::put(const char* path, const char* body, size_t length,
                      HttpResponseCallback on_response, HttpErrorCallback on_error)
 {
-    return request(*this, to_url(path), Request{"PUT", true, body, length}, true, on_response,
-                   on_error);
+    return request(*this, tls_, to_url(path), Request{"PUT", true, body, length}, true,
+                   on_response, on_error);
 }
 
 int bHttpClient::del(const char* path, const char* body, size_t length,
                      HttpResponseCallback on_response, HttpErrorCallback on_error)
 {
-    return request(*this, to_url(path), Request{"DELETE", body && length, body, length}, false,
-                   on_response, on_error);
+    return request(*this, tls_, to_url(path), Request{"DELETE", body && length, body, length},
+                   false, on_response, on_error);
 }
 
 } // namespace bMSG

@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """HTTP/1.1 server of the HTTP client tests on 127.0.0.1; prints its port.
 One exchange per connection; what a path does is in the table below;
-anything else gets 200 and the request as received, Host line left out."""
-import re, socketserver
+anything else gets 200 and the request as received, Host line left out.
+With a directory argument it makes certificates there (see tls_listeners)
+and serves the same over TLS on more ports, printed on the same line."""
+import base64, hashlib, re, socketserver, ssl, subprocess, sys, threading
 
 hits = {}
 
@@ -21,6 +23,11 @@ class Handler(socketserver.BaseRequestHandler):
         return re.sub(rb"\r\nHost: [^\r]*", b"", data, 1)
 
     def handle(self):
+        if self.server.tls:
+            try:
+                self.request = self.server.tls.wrap_socket(self.request, server_side=True)
+            except (ssl.SSLError, OSError):  # the client refused us or we refused it
+                return
         raw = self.read()
         target = "/garbage" if raw[:1] == b"\x16" else raw.split(b" ")[1].decode()
         path, _, query = target.partition("?")
@@ -34,6 +41,7 @@ class Handler(socketserver.BaseRequestHandler):
             if int(n) else response(200, raw),
             "nolocation": lambda: response(302),
             "badlocation": lambda: response(302, extra="Location: ftp://127.0.0.1/f\r\n"),
+            "downgrade": lambda: response(302, extra="Location: http://127.0.0.1/\r\n"),
             "drop": lambda: b"" if hits[path] <= int(n) else response(200, b"attempt %d" % hits[path]),
             "hang": lambda: b"",
             "stall": lambda: b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789",
@@ -45,7 +53,47 @@ class Handler(socketserver.BaseRequestHandler):
                 pass
 
 
-server = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
-server.daemon_threads = True
-print(server.server_address[1], flush=True)
-server.serve_forever()
+def tls_listeners(d):
+    """In d: CAs ca (trusted by the tests), other (unknown) and clientca; the
+    server certificates good, unknown, wronghost, expired; a client
+    certificate device; and pin, the good key's sha256// pin. Returns TLS
+    contexts: one per server certificate, then good requiring a client
+    certificate of clientca."""
+    def openssl(*args):
+        subprocess.run(("openssl",) + args, cwd=d, check=True, capture_output=True)
+    key = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj")
+    open(d + "/ca.cnf", "w").write("[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\n"
+        "rand_serial=yes\ndefault_md=sha256\npolicy=p\ncopy_extensions=copy\nunique_subject=no\n"
+        "[p]\ncommonName=supplied\n")
+    open(d + "/index", "w").close()
+    for ca in ("ca", "other", "clientca"):
+        openssl("req", "-x509", *key, "/CN=" + ca, "-keyout", ca + ".key", "-out", ca + ".pem", "-days", "2")
+    for name, ca, host, dates in (("good", "ca", "IP:127.0.0.1,DNS:localhost", ("-days", "2")),
+                                  ("unknown", "other", "IP:127.0.0.1", ("-days", "2")),
+                                  ("wronghost", "ca", "DNS:other.invalid", ("-days", "2")),
+                                  ("expired", "ca", "IP:127.0.0.1", ("-startdate", "20200101000000Z",
+                                                                       "-enddate", "20200102000000Z")),
+                                  ("device", "clientca", "DNS:device", ("-days", "2"))):
+        openssl("req", "-new", *key, "/CN=" + name, "-keyout", name + ".key", "-out", name + ".csr",
+                "-addext", "subjectAltName=" + host)
+        openssl("ca", "-batch", "-config", "ca.cnf", "-cert", ca + ".pem", "-keyfile", ca + ".key",
+                "-in", name + ".csr", "-out", name + ".pem", "-notext", *dates)
+    der = subprocess.run(("openssl", "pkey", "-in", d + "/good.key", "-pubout", "-outform", "DER"),
+                         check=True, capture_output=True).stdout
+    open(d + "/pin", "w").write("sha256//" + base64.b64encode(hashlib.sha256(der).digest()).decode())
+    contexts = []
+    for name in ("good", "unknown", "wronghost", "expired", "good"):
+        contexts.append(ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER))
+        contexts[-1].load_cert_chain(d + "/%s.pem" % name, d + "/%s.key" % name)
+    contexts[-1].verify_mode = ssl.CERT_REQUIRED
+    contexts[-1].load_verify_locations(d + "/clientca.pem")
+    return contexts
+
+
+servers = []
+for tls in [None] + (tls_listeners(sys.argv[1]) if len(sys.argv) > 1 else []):
+    servers.append(socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler))
+    servers[-1].daemon_threads, servers[-1].tls = True, tls
+    threading.Thread(target=servers[-1].serve_forever, daemon=True).start()
+print(" ".join(str(s.server_address[1]) for s in servers), flush=True)
+threading.Event().wait()

@@ -6,6 +6,9 @@
 #include <netdb.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -142,4 +145,56 @@ TEST_F(Http, SilentServersTimeOut)
     EXPECT_EQ(call(client, nullptr, "/stall"), err(ETIMEDOUT, 1));
     t.join();
     EXPECT_EQ(hang, err(ETIMEDOUT, 1));
+}
+
+// tests/http_server.py with its TLS listeners; certificates made for the test.
+TEST(Https, VerifiesTheServerAndPresentsTheDevice)
+{
+    struct Dir {
+        char path[32] = "/tmp/bmsg-https-XXXXXX";
+        ~Dir() { std::filesystem::remove_all(path); }
+    } dir;
+    ASSERT_TRUE(mkdtemp(dir.path));
+    const std::string d = dir.path;
+    bmsg_test::Child server = bmsg_test::spawn_native("python3", {BMSG_HTTP_SERVER, d});
+    const auto ready = [&] { return server.out().find('\n') != std::string::npos; };
+    for (int i = 0; i < 5 && !ready(); ++i)  // making certificates on a busy machine can be slow
+        bmsg_test::wait_until(ready);
+    ASSERT_TRUE(ready()) << server.err();
+    unsigned short plain, good, unknown, wrong_host, expired, mutual;
+    std::istringstream(server.out()) >> plain >> good >> unknown >> wrong_host >> expired >> mutual;
+    std::string pin, ok = "200 status 200", wrong_pin = "sha256//" + std::string(43, 'A') + "=";
+    std::ifstream(d + "/pin") >> pin;
+    // Files are in the test's directory; a client certificate goes with device.key.
+    struct Row { const char* host; unsigned short port; std::string ca, pin, cert, path, expected; };
+    for (const Row& r : std::vector<Row>{
+             {"127.0.0.1", good, "ca.pem", "", "", "/status/200", ok},
+             {"localhost", good, "ca.pem", "", "", "/status/200", ok},
+             {"127.0.0.1", good, "ca.pem", pin, "", "/status/200", ok},
+             {"127.0.0.1", good, "ca.pem", "", "", "/redirect/1?code=307", "200 GET /redirect/0?code=307 HTTP/1.1\r\n" + standard + "\r\n"},
+             {"127.0.0.1", mutual, "ca.pem", "", "device.pem", "/status/200", ok},
+             {"127.0.0.1", plain, "ca.pem", "", "", "http://127.0.0.1:" + std::to_string(plain) + "/status/200", ok},
+             {"127.0.0.1", good, "", "", "", "/status/200", err(60, 65)},  // the system's CAs do not know ours
+             {"127.0.0.1", unknown, "ca.pem", "", "", "/status/200", err(60, 65)},
+             {"127.0.0.1", wrong_host, "ca.pem", "", "", "/status/200", err(60, 65)},
+             {"127.0.0.1", expired, "ca.pem", "", "", "/status/200", err(60, 65)},
+             {"127.0.0.1", good, "ca.pem", wrong_pin, "", "/status/200", err(90, 65)},
+             {"127.0.0.1", unknown, "ca.pem", pin, "", "/status/200", err(60, 65)},
+             {"127.0.0.1", good, "missing.pem", "", "", "/status/200", err(77, 65)},
+             {"127.0.0.1", mutual, "ca.pem", "", "", "/status/200", err(56, 65)},
+             {"127.0.0.1", mutual, "ca.pem", "", "missing.pem", "/status/200", err(58, 65)},
+             {"127.0.0.1", good, "ca.pem", "", "", "/downgrade", err(2001, 67)},
+         }) {
+        const auto file = [&d](const std::string& name) { return name.empty() ? name : d + "/" + name; };
+        bHttpClient c(r.host, r.port, 0, 5);
+        c.set_tls({true, file(r.ca), r.pin, file(r.cert), file(r.cert.empty() ? "" : "device.key")});
+        std::string seen = call(c, nullptr, r.path);
+        if (seen == err(55, 65))  // the refusal of a missing client certificate came before our request
+            seen = err(56, 65);
+        EXPECT_EQ(seen, r.expected) << r.host << ":" << r.port << r.path;
+    }
+    bHttpClient c("h", 1, 0, 0);
+    c.set_tls({true, "", "", "", ""});
+    EXPECT_EQ(c.to_url("/s"), "https://h:1/s");
+    EXPECT_EQ(c.to_url("http://o/a"), "http://o/a");
 }

@@ -1,7 +1,9 @@
 // The demo's consumer: receives COUNT "finger" samples, writes each as
 // DIR/capture-N.png, posts a JSON record of it to the web service, tells
 // SYSTEM_STATUS, and finally asks the web service how many records it holds.
-// Usage: demo_consumer SOCKET START_MS HTTP_PORT DIR COUNT
+// The web service is reached over HTTPS, verified by the CA certificate
+// named in the environment variable BMSG_DEMO_CA.
+// Usage: BMSG_DEMO_CA=CA.pem demo_consumer SOCKET START_MS HTTP_PORT DIR COUNT
 #include "bhttpclient.h"
 #include "bimage.h"
 #include "bmessager.h"
@@ -43,8 +45,10 @@ Outcome post(bMSG::bHttpClient& http, const std::string& json)
 
 int main(int argc, char** argv)
 {
-    if (argc != 6) {
-        fprintf(stderr, "usage: demo_consumer SOCKET START_MS HTTP_PORT DIR COUNT\n");
+    const char* ca = getenv("BMSG_DEMO_CA");
+    if (argc != 6 || !ca || !*ca) {
+        fprintf(stderr,
+                "usage: BMSG_DEMO_CA=CA.pem demo_consumer SOCKET START_MS HTTP_PORT DIR COUNT\n");
         return 2;
     }
     const long long start = atoll(argv[2]);
@@ -52,6 +56,12 @@ int main(int argc, char** argv)
     const int count = atoi(argv[5]);
     bMSG::Messager bus(argv[1], 0, 3);
     bMSG::bHttpClient http("127.0.0.1", static_cast<unsigned short>(atoi(argv[3])), 1, 0);
+    bMSG::HttpTls tls;
+    tls.https = true;
+    tls.ca_file = ca;
+    http.set_tls(tls);
+    demo::trace(start, "consumer", "records go to %s over HTTPS, verified by the run's CA %s",
+                http.to_url("/records").c_str(), ca);
     demo::trace(start, "consumer", "waiting on BIOMETRIC_SAMPLE_finger");
     for (int i = 1; i <= count; ++i) {
         char modality[32] = {};

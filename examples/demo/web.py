@@ -1,8 +1,11 @@
 """The demo's web service: keeps the JSON records POSTed to /records and
 answers GET /count with how many it holds. Listens on a free port of
-127.0.0.1 and writes that port to the file given as its argument."""
+127.0.0.1 and writes that port to the file given as its first argument.
+With CERT and KEY (PEM files) as further arguments it serves HTTPS.
+Usage: web.py PORT-FILE [CERT KEY]"""
 import json
 import os
+import ssl
 import sys
 from http.server import BaseHTTPRequestHandler, HTTPServer
 
@@ -37,6 +40,10 @@ class Handler(BaseHTTPRequestHandler):
 
 
 server = HTTPServer(("127.0.0.1", 0), Handler)
+if len(sys.argv) == 4:
+    tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    tls.load_cert_chain(sys.argv[2], sys.argv[3])
+    server.socket = tls.wrap_socket(server.socket, server_side=True)
 with open(sys.argv[1] + ".tmp", "w") as f:
     f.write(str(server.server_port))
 os.rename(sys.argv[1] + ".tmp", sys.argv[1])
