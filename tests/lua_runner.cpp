@@ -14,10 +14,8 @@ int main(int argc, char** argv)
 {
     if (argc < 4)
         return 2;
-    // BMSG_TEST_ACL: the server of support/acl.h, passwords in the environment.
-    std::unique_ptr<bmsg_test::AclServer> acl(getenv("BMSG_TEST_ACL") ? new bmsg_test::AclServer : nullptr);
-    std::unique_ptr<bmsg_test::RedisServer> plain(acl ? nullptr : new bmsg_test::RedisServer);
-    const bmsg_test::RedisServer& server = acl ? *acl->server : *plain;
+    const auto own = getenv("BMSG_TEST_ACL") ? std::move(bmsg_test::AclServer().server) : std::make_unique<bmsg_test::RedisServer>();
+    const bmsg_test::RedisServer& server = *own;
     const std::string script = argv[3];
     setenv("BMSG_TEST_PORT", std::to_string(server.port()).c_str(), 1);
     setenv("BMSG_TEST_SOCKET", server.socket().c_str(), 1);

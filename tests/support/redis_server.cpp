@@ -51,11 +51,9 @@ bool RedisServer::start()
     args.insert(args.end(), config_.begin(), config_.end());
     process_ = spawn_native("redis-server", args);
     pid_ = process_.pid();
-    // Up once it answers on its socket, which it opens after the TCP port
-    // (NOAUTH when its default user is off).
-    if (wait_until([&] {
-            const std::string pong =
-                access(socket_.c_str(), F_OK) == 0 ? redis_raw(*this, "PING") : "";
+    // Up once it answers on its socket, which it opens after the TCP port.
+    if (wait_until([&] {  // NOAUTH: its default user is off
+            const std::string pong = access(socket_.c_str(), F_OK) == 0 ? redis_raw(*this, "PING") : "";
             return process_.ended() || pong == "PONG" || pong.rfind("NOAUTH", 0) == 0;
         }) && !process_.ended())
         return true;

@@ -11,8 +11,7 @@ namespace bmsg_test {
 
 class RedisServer {
 public:
-    // Waits until it answers; aborts when it cannot start. `config`: more
-    // redis-server arguments (they override the harness's own).
+    // Waits until it answers, aborts when it cannot; `config` overrides the harness's arguments.
     explicit RedisServer(std::vector<std::string> config = {});
     ~RedisServer();
     void stop(int signal = 9);  // kills and reaps it
