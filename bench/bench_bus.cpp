@@ -1,5 +1,6 @@
 // Bus operations per second on one Messager with one request in flight,
-// over the Unix socket and over TCP loopback.
+// over the Unix socket and over TCP loopback; set, get and a queue round
+// trip also logged in as an ACL user (login: AUTH once per connection).
 #include "bench_common.h"
 
 #include <benchmark/benchmark.h>
@@ -11,18 +12,18 @@
 
 namespace {
 
-void bus_set(benchmark::State& state, bool unix_socket)
+void bus_set(benchmark::State& state, bool unix_socket, bool login = false)
 {
-    auto m = bench::messager(unix_socket);
+    auto m = bench::messager(unix_socket, login);
     for (auto _ : state)
         if (m->set("bench:key", "xxx") != 0)
             state.SkipWithError("set failed");
     state.SetItemsProcessed(state.iterations());
 }
 
-void bus_get(benchmark::State& state, bool unix_socket)
+void bus_get(benchmark::State& state, bool unix_socket, bool login = false)
 {
-    auto m = bench::messager(unix_socket);
+    auto m = bench::messager(unix_socket, login);
     m->set("bench:key", "xxx");
     char buf[16];
     for (auto _ : state)
@@ -32,9 +33,9 @@ void bus_get(benchmark::State& state, bool unix_socket)
 }
 
 // One LPUSH and one RPOP per iteration: a message through a queue.
-void bus_list_send_recv(benchmark::State& state, bool unix_socket)
+void bus_list_send_recv(benchmark::State& state, bool unix_socket, bool login = false)
 {
-    auto m = bench::messager(unix_socket);
+    auto m = bench::messager(unix_socket, login);
     m->list_clear("bench:list");
     char buf[16];
     for (auto _ : state) {
@@ -137,6 +138,12 @@ BENCHMARK_CAPTURE(bus_get, unix, true);
 BENCHMARK_CAPTURE(bus_get, tcp, false);
 BENCHMARK_CAPTURE(bus_list_send_recv, unix, true);
 BENCHMARK_CAPTURE(bus_list_send_recv, tcp, false);
+BENCHMARK_CAPTURE(bus_set, unix_login, true, true);
+BENCHMARK_CAPTURE(bus_set, tcp_login, false, true);
+BENCHMARK_CAPTURE(bus_get, unix_login, true, true);
+BENCHMARK_CAPTURE(bus_get, tcp_login, false, true);
+BENCHMARK_CAPTURE(bus_list_send_recv, unix_login, true, true);
+BENCHMARK_CAPTURE(bus_list_send_recv, tcp_login, false, true);
 BENCHMARK_CAPTURE(bus_list_size, unix, true);
 BENCHMARK_CAPTURE(bus_list_size, tcp, false);
 BENCHMARK_CAPTURE(bus_publish, unix, true);

@@ -25,11 +25,15 @@ inline const char* env(const char* name)
     return value;
 }
 
-// A Messager on the bench server, over its Unix socket or its TCP port.
-inline std::unique_ptr<bMSG::Messager> messager(bool unix_socket)
+// A Messager on the bench server, over its Unix socket or its TCP port;
+// with `login`, logged in as the user bench/run made (BMSG_BENCH_USER,
+// BMSG_BENCH_PASSWORD).
+inline std::unique_ptr<bMSG::Messager> messager(bool unix_socket, bool login = false)
 {
-    return std::make_unique<bMSG::Messager>(unix_socket ? env("BMSG_BENCH_SOCKET") : "127.0.0.1",
-                                            static_cast<uint16_t>(atoi(env("BMSG_BENCH_PORT"))), 1);
+    return std::make_unique<bMSG::Messager>(
+        unix_socket ? env("BMSG_BENCH_SOCKET") : "127.0.0.1",
+        static_cast<uint16_t>(atoi(env("BMSG_BENCH_PORT"))), 1,
+        login ? env("BMSG_BENCH_USER") : nullptr, login ? env("BMSG_BENCH_PASSWORD") : nullptr);
 }
 
 // Monotonic time in nanoseconds, comparable across processes.

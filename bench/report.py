@@ -80,6 +80,15 @@ def bus_section(raw):
         verdict(worst, 0.97), worst)
     text += "and written with `send(MSG_NOSIGNAL)`, so a server that has gone cannot kill the caller with "
     text += "SIGPIPE and no signal-mask system calls are made per command."
+    logged = []
+    for transport in ("unix", "tcp"):
+        for op in ("set", "get", "list_send_recv"):
+            plain_ = bus["bus_%s/%s" % (op, transport)]["items_per_second"]
+            login = bus["bus_%s/%s_login" % (op, transport)]["items_per_second"]
+            logged.append([op, transport, "%.0f" % plain_, "%.0f" % login, "%.2f" % (login / plain_)])
+    text += "\n\nLogged in as an ACL user (AUTH once per connection, `Messager(..., user, password)`) "
+    text += "against the default user, same server, same run; goal: within noise (ratio about 1):\n\n"
+    text += table(["operation", "transport", "default user (ops/s)", "logged in (ops/s)", "ratio"], logged)
     rss = bus.get("bus_rss/iterations:1") or bus.get("bus_rss")
     if rss:
         growth = rss["rss_end_kib"] - rss["rss_start_kib"]

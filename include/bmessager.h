@@ -12,7 +12,8 @@
 // fit the 1024-byte command template, in which case nothing is sent);
 // -3 no reply to a pop, LLEN, DEL or SUBSCRIBE; -5 a value does not fit the
 // caller's buffer; -6 a reply element is not a string; -7 no reply to SET;
-// -8 no reply to GET; -10 no image given to the sample sender.
+// -8 no reply to GET; -10 no image given to the sample sender; -4 (only
+// after set_error_replies(true)) the server refused the command.
 //
 // Failures that are reported write "bMSG ERROR <function>[<line>]:" to
 // stderr, then the message and a line break to stdout.
@@ -44,6 +45,21 @@ namespace bMSG {
 
 class SharedMemory;
 
+// Whom a connection logs in as. With `on`, every connection opened for it
+// sends AUTH before its first command: "AUTH user password", or "AUTH
+// password" (the default user) when `user` is empty. The password is kept
+// in memory and never printed.
+struct Login {
+    bool on = false;
+    std::string user;
+    std::string password;
+
+    Login() = default;
+    // On when `password` is not null or `user` is not empty; a null password
+    // with a user is an empty password.
+    Login(const char* user, const char* password);
+};
+
 // (channel given to subscribe, payload (NUL-terminated, valid only during the
 // call), payload length, user pointer (always null)).
 using MessageCallback = std::function<void(const char*, const char*, size_t, void*)>;
@@ -65,6 +81,18 @@ public:
     // whether or not a connection was made.
     Messager(const char* address, uint16_t port, int attempts);
 
+    // The same, logging in on every connection the object opens (the first,
+    // the reconnect of an operation that finds no connection, the opt-in
+    // reconnect) before its first command: AUTH user password, or AUTH
+    // password when `user` is null or empty. Both null: exactly the
+    // constructor above. A refused AUTH (wrong password, unknown or disabled
+    // user, a server without that user) is final for that connect: it is
+    // reported once with the server's reason (never the password), the
+    // connection is freed, no further attempt and no pause follow, and the
+    // operation that connected returns -1.
+    Messager(const char* address, uint16_t port, int attempts, const char* user,
+             const char* password);
+
     // Frees the connection and the owned segments (unlinking those this
     // process created). Sends nothing to Redis.
     ~Messager();
@@ -74,7 +102,8 @@ public:
 
     // Tries up to `attempts` times to connect, reporting each failure and
     // sleeping one second after it (blocking). Success shows as a non-null
-    // context(). Does nothing to a connection that is already held.
+    // context(). Does nothing to a connection that is already held. With a
+    // login, a refused AUTH ends it at once (see the constructor).
     void connect();
 
     // SET key value. Stores the text, "%d", "%f" (2.5 -> "2.500000") or
@@ -209,7 +238,8 @@ public:
     // (the sample is dropped), -6 the reply or the descriptor is malformed
     // (a negative timeout is refused by the server and gives -6 too),
     // -9 the modality's segment is missing or shorter than the image, -10
-    // the caller's image could not be grown. The descriptor is gone from the
+    // the caller's image could not be grown, -4 the pop was refused (only
+    // with set_error_replies(true)). The descriptor is gone from the
     // list after every pop. None of them reports on stdout/stderr.
 
     // Receives from several modalities: BRPOP with each modality's list as
@@ -268,11 +298,27 @@ public:
     // SharedMemory::restrict_mode.
     void set_segment_mode(mode_t mode) { segment_mode = mode; }
 
+    // Off by default: an error reply of the server (for example NOPERM from
+    // an ACL) counts as a reply, as the operations above describe. On: every
+    // operation that gets an error reply to its command returns -4 ("the
+    // server refused the command") instead, and last_error() holds the
+    // reply's text. The sample senders return -4 when their push is refused
+    // and the int receivers when their pop is; the image receivers return
+    // null as before.
+    void set_error_replies(bool on) { error_replies = on; }
+
+    // The text of the last error reply that made an operation return -4, or
+    // of the last refused AUTH (whatever set_error_replies says); empty
+    // until one came. Kept until the next refusal.
+    const std::string& last_error() const { return refusal; }
+
     // The live connection (null while not connected), the server address
-    // and port; for bindings that talk to the same server.
+    // and port and the login; for bindings and subscriptions that open
+    // connections of their own to the same server.
     redisContext* redis_context() const { return context; }
     const std::string& server_address() const { return address; }
     uint16_t server_port() const { return port; }
+    const Login& login() const { return credentials; }
 
 private:
     redisContext* context;
@@ -280,7 +326,10 @@ private:
     std::string address;
     uint16_t port;
 
+    Login credentials;
+
     bool ensure_connected();
+    int verdict(const redisReply* r, int missing);
     redisReply* fetch(const char* key, int* rc);
 
 public:
@@ -300,6 +349,8 @@ public:
 private:
     bool reconnect = false;
     mode_t segment_mode = 0;
+    bool error_replies = false;
+    std::string refusal;
 
     SharedMemory* sender_segment(const std::string& name, size_t capacity);
     int pop_sample(const std::vector<const char*>& modalities, int timeout, char* out, int len,

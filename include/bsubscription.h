@@ -22,11 +22,15 @@ public:
     // it (blocking), then starts the thread that hands each message to
     // `callback` (channel the message came on, payload, its length, null).
     // Messages published after the constructor returns are delivered. Never
-    // throws for a server that cannot be reached: status() tells.
+    // throws for a server that cannot be reached: status() tells. With
+    // `user` or `password` given, the connection logs in first as
+    // Messager's login constructor does (a refused AUTH is reported once and
+    // gives status() -1).
     Subscription(const char* address, uint16_t port, const std::vector<std::string>& channels,
-                 MessageCallback callback);
+                 MessageCallback callback, const char* user = nullptr,
+                 const char* password = nullptr);
 
-    // The same on the server `bus` talks to.
+    // The same on the server `bus` talks to, with the login of `bus`.
     Subscription(const Messager& bus, const std::vector<std::string>& channels,
                  MessageCallback callback);
 
@@ -51,6 +55,8 @@ public:
     void stop();
 
 private:
+    Subscription(const std::string& address, uint16_t port, const Login& login,
+                 const std::vector<std::string>& channels, MessageCallback callback);
     void receive();
 
     MessageCallback callback_;

@@ -31,11 +31,25 @@ int write_key(char* key_out, int key_size, const char* key, int result)
 
 } // namespace
 
+Login::Login(const char* user_, const char* password_)
+    : on(password_ || (user_ && *user_)),
+      user(user_ ? user_ : ""),
+      password(password_ ? password_ : "")
+{
+}
+
 Messager::Messager(const char* address_, uint16_t port_, int attempts_)
+    : Messager(address_, port_, attempts_, nullptr, nullptr)
+{
+}
+
+Messager::Messager(const char* address_, uint16_t port_, int attempts_, const char* user,
+                   const char* password)
     : context(nullptr),
       attempts(attempts_),
       address(address_ && *address_ ? address_ : "127.0.0.1"),
       port(port_),
+      credentials(user, password),
       device_cmd("DEVICE_CMD"),
       bio_sample("BIOMETRIC_SAMPLE_"),
       device_status("DEVICE_STATUS"),
@@ -63,17 +77,19 @@ void Messager::connect()
         return;
     const int tries = attempts > 0 ? attempts : 2000000000;
     for (int i = 0; i < tries; ++i) {
-        redisContext* c = address[0] == '/' ? redisConnectUnix(address.c_str())
-                                            : redisConnect(address.c_str(), port);
-        if (!c) {
-            BMSG_REPORT("connect", "Can't allocate redis context\n");
-        } else if (c->err) {
-            BMSG_REPORT("connect", "%s: address[%s] port[%d]", c->errstr, address.c_str(), port);
-            redisFree(c);
-        } else {
-            prepare_connection(c);
-            context = c;
+        Context c;
+        switch (open_connection(address, port, credentials, c, &refusal)) {
+        case Opened::ok:
+            context = c.release();
             return;
+        case Opened::refused:
+            return;  // another attempt would be refused the same way
+        case Opened::no_context:
+            BMSG_REPORT("connect", "Can't allocate redis context\n");
+            break;
+        case Opened::failed:
+            BMSG_REPORT("connect", "%s: address[%s] port[%d]", c->errstr, address.c_str(), port);
+            break;
         }
         sleep_ms(1000);
     }
@@ -91,32 +107,45 @@ bool Messager::ensure_connected()
     return context != nullptr;
 }
 
+// What every operation makes of its reply before reading it: `missing` when
+// there is none, -4 for an error reply when error replies are opted in (its
+// text kept for last_error()), else 0.
+int Messager::verdict(const redisReply* r, int missing)
+{
+    if (!r)
+        return missing;
+    if (!error_replies || r->type != REDIS_REPLY_ERROR)
+        return 0;
+    refusal.assign(r->str, r->len);
+    return -4;
+}
+
 int Messager::set(const char* key, const char* value)
 {
     if (!ensure_connected())
         return -1;
-    return command(context, "SET %s %s", key, value) ? 0 : -7;
+    return verdict(command(context, "SET %s %s", key, value).get(), -7);
 }
 
 int Messager::set(const char* key, int value)
 {
     if (!ensure_connected())
         return -1;
-    return command(context, "SET %s %d", key, value) ? 0 : -7;
+    return verdict(command(context, "SET %s %d", key, value).get(), -7);
 }
 
 int Messager::set(const char* key, float value)
 {
     if (!ensure_connected())
         return -1;
-    return command(context, "SET %s %f", key, static_cast<double>(value)) ? 0 : -7;
+    return verdict(command(context, "SET %s %f", key, static_cast<double>(value)).get(), -7);
 }
 
 int Messager::set(const char* key, unsigned long value)
 {
     if (!ensure_connected())
         return -1;
-    return command(context, "SET %s %llu", key, static_cast<unsigned long long>(value)) ? 0 : -7;
+    return verdict(command(context, "SET %s %llu", key, static_cast<unsigned long long>(value)).get(), -7);
 }
 
 // The steps every get shares: connect, GET, and the code for a missing
@@ -127,9 +156,9 @@ redisReply* Messager::fetch(const char* key, int* rc)
         *rc = -1;
         return nullptr;
     }
-    redisReply* r = command(context, "GET %s", key).release();
-    *rc = r ? 0 : -8;
-    return r;
+    Reply r = command(context, "GET %s", key);
+    *rc = verdict(r.get(), -8);
+    return *rc == -4 ? nullptr : r.release();
 }
 
 int Messager::get(const char* key, char* buffer, int size)
@@ -177,7 +206,7 @@ int Messager::list_send(const char* key, const char* format, va_list args)
     char cmd[template_size];
     if (!build_template(cmd, "LPUSH", key, format))
         return -2;
-    return vcommand(context, cmd, args) ? 0 : -2;
+    return verdict(vcommand(context, cmd, args).get(), -2);
 }
 
 int Messager::list_send(const char* key, const char* format, ...)
@@ -196,8 +225,8 @@ int Messager::list_recv(const char* key, char* buffer, int size, int timeout, ch
         return -1;
     Reply r = timeout > 0 ? command(context, "BRPOP %s %d", key, timeout)
                           : command(context, "RPOP %s", key);
-    if (!r)
-        return -3;
+    if (const int rc = verdict(r.get(), -3))
+        return rc;
 
     if (r->type == REDIS_REPLY_STRING) {
         if (!fits(r->len, size))
@@ -230,7 +259,8 @@ int Messager::list_size(const char* key)
     if (!ensure_connected())
         return -1;
     Reply r = command(context, "LLEN %s", key);
-    return r ? static_cast<int>(r->integer) : -3;
+    const int rc = verdict(r.get(), -3);
+    return rc ? rc : static_cast<int>(r->integer);
 }
 
 int Messager::list_clear(const char* key)
@@ -238,7 +268,8 @@ int Messager::list_clear(const char* key)
     if (!ensure_connected())
         return -1;
     Reply r = command(context, "DEL %s", key);
-    return r ? static_cast<int>(r->integer) : -3;
+    const int rc = verdict(r.get(), -3);
+    return rc ? rc : static_cast<int>(r->integer);
 }
 
 #define BMSG_FORWARD_VA(call)        \
@@ -283,7 +314,8 @@ int Messager::publish(const char* channel, const char* format, va_list args)
     if (!build_template(cmd, "PUBLISH", channel, format))
         return -2;
     Reply r = vcommand(context, cmd, args);
-    return r ? static_cast<int>(r->integer) : -2;
+    const int rc = verdict(r.get(), -2);
+    return rc ? rc : static_cast<int>(r->integer);
 }
 
 int Messager::publish(const char* channel, const char* format, ...)
@@ -301,6 +333,8 @@ int Messager::publish(const char* channel, const char* format, ...)
         BMSG_REPORT("publish", "publish error: %s", "reply is NULL");
         return -2;
     }
+    if (const int rc = verdict(r.get(), -2))
+        return rc;
     const int receivers = static_cast<int>(r->integer);
     if (receivers < 0)
         BMSG_REPORT("publish", "publish error: %s", r->str ? r->str : "");
@@ -311,8 +345,8 @@ int Messager::subscribe(const char* channel, MessageCallback callback)
 {
     if (!ensure_connected())
         return -1;
-    if (!command(context, "SUBSCRIBE %s", channel))
-        return -3;
+    if (const int rc = verdict(command(context, "SUBSCRIBE %s", channel).get(), -3))
+        return rc;
     for (;;) {
         void* raw = nullptr;
         if (redisGetReply(context, &raw) != REDIS_OK)

@@ -2,6 +2,8 @@
 // templates and running a command with SIGPIPE kept away from the caller.
 #include "bmsg_internal.h"
 
+#include "bmessager.h"
+
 #include <fcntl.h>
 #include <sys/socket.h>
 
@@ -75,6 +77,34 @@ void prepare_connection(redisContext* c)
 #if HIREDIS_MAJOR >= 1
     c->reader->maxelements = max_reply_elements;
 #endif
+}
+
+Opened open_connection(const std::string& address, uint16_t port, const Login& login,
+                       Context& out, std::string* reason)
+{
+    out.reset(address[0] == '/' ? redisConnectUnix(address.c_str())
+                                : redisConnect(address.c_str(), port));
+    if (!out)
+        return Opened::no_context;
+    if (out->err)
+        return Opened::failed;
+    prepare_connection(out.get());
+    if (!login.on)
+        return Opened::ok;
+    Reply r = login.user.empty()
+                  ? command(out.get(), "AUTH %b", login.password.data(), login.password.size())
+                  : command(out.get(), "AUTH %b %b", login.user.data(), login.user.size(),
+                            login.password.data(), login.password.size());
+    if (!r)
+        return Opened::failed;
+    if (r->type != REDIS_REPLY_ERROR)
+        return Opened::ok;
+    BMSG_REPORT("connect", "AUTH refused: %s: address[%s] port[%d]", r->str, address.c_str(),
+                port);
+    if (reason)
+        reason->assign(r->str, r->len);
+    out.reset();
+    return Opened::refused;
 }
 
 namespace {

@@ -6,7 +6,9 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string>
 
 namespace bMSG {
 
@@ -45,6 +47,25 @@ struct ContextFree {
     void operator()(redisContext* c) const { redisFree(c); }
 };
 using Context = std::unique_ptr<redisContext, ContextFree>;
+
+struct Login;
+
+enum class Opened {
+    ok,          // `out` holds the ready connection
+    no_context,  // hiredis could not allocate one
+    failed,      // `out` holds the context with its error set (err, errstr)
+    refused,     // AUTH was refused; reported here, nothing held
+};
+
+// The library's one way to open a connection, used by Messager, Subscription
+// and the Lua subscriptions: a Unix socket when `address` starts with '/',
+// TCP to address:port otherwise; readied with prepare_connection; then, when
+// `login` is on, AUTH before anything else. A refused AUTH is reported once
+// ("connect", with the server's reason and never the password), which also
+// goes to `reason` when given. An AUTH that got no reply counts as failed
+// (the connection broke).
+Opened open_connection(const std::string& address, uint16_t port, const Login& login,
+                       Context& out, std::string* reason = nullptr);
 
 // A pub/sub "message" reply: ["message", channel, payload], all strings.
 bool is_message(const redisReply* r);

@@ -230,28 +230,33 @@ sub_data* handle_arg(lua_State* L, const char*& error)
     return static_cast<sub_data*>(p);
 }
 
-// Body of a subscription thread. It has its own TCP connection to the
-// messager's address and port (even when the messager uses a socket path)
-// and works on copies, so the Lua side may drop the messager and the channel
-// string at once. It never touches the Lua state.
+// Body of a subscription thread. It opens its own connection to the
+// messager's server as the messager does (the Unix socket when the address
+// is a path, TCP otherwise; the same login) and works on copies, so the Lua
+// side may drop the messager and the channel string at once. It never
+// touches the Lua state.
 struct Listener {
     sub_data* sub;
     std::string address;
     uint16_t port;
+    bMSG::Login login;
     std::string channel;
 
     void operator()() const
     {
-        bMSG::Context c(redisConnect(address.c_str(), port));
-        if (!c) {
+        bMSG::Context c;
+        switch (bMSG::open_connection(address, port, login, c)) {
+        case bMSG::Opened::ok:
+            break;
+        case bMSG::Opened::no_context:
             BMSG_REPORT("operator()", "Connection error: can't allocate redis context");
             return;
-        }
-        if (c->err) {
+        case bMSG::Opened::failed:
             BMSG_REPORT("operator()", "Connection error: %s", c->errstr);
             return;
+        case bMSG::Opened::refused:
+            return;
         }
-        bMSG::prepare_connection(c.get());
         if (!bMSG::command(c.get(), "SUBSCRIBE %s", channel.c_str())) {
             BMSG_REPORT("operator()", "Command error: %s", c->errstr);
             return;
@@ -349,7 +354,7 @@ int messager_subscribe(lua_State* L)
     auto sub = std::make_unique<sub_data>();
     lua_pushvalue(L, 3);
     sub->callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
-    Listener listener{sub.get(), m->server_address(), m->server_port(), channel};
+    Listener listener{sub.get(), m->server_address(), m->server_port(), m->login(), channel};
     set_live(sub.get(), true);
     try {
         sub->thread = std::make_unique<std::thread>(std::move(listener));
@@ -469,14 +474,20 @@ int messager_check(lua_State* L)
     return 0;
 }
 
+// new(address, port, attempts [, user [, password]]): with a user or a
+// password, every connection of the messager and of its subscriptions logs
+// in (Messager's login constructor).
 int messager_new(lua_State* L)
 {
     const char* address = luaL_checklstring(L, 1, nullptr);
     const auto port = static_cast<uint16_t>(luaL_checkinteger(L, 2));
     const auto attempts = static_cast<int>(luaL_checkinteger(L, 3));
+    // Optional login: nil (or absent) for either is a null pointer.
+    const char* user = luaL_optlstring(L, 4, nullptr, nullptr);
+    const char* password = luaL_optlstring(L, 5, nullptr, nullptr);
     auto** slot = static_cast<Messager**>(lua_newuserdata(L, sizeof(Messager*)));
     *slot = nullptr;
-    *slot = new Messager(address, port, attempts);
+    *slot = new Messager(address, port, attempts, user, password);
     luaL_getmetatable(L, messager_type);
     lua_setmetatable(L, -2);
     return 1;

@@ -236,8 +236,8 @@ int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout
     argv.push_back(seconds.c_str());
     lengths.push_back(seconds.size());
     Reply r = command_argv(context, static_cast<int>(argv.size()), argv.data(), lengths.data());
-    if (!r)
-        return -3;
+    if (const int rc = verdict(r.get(), -3))
+        return rc;
     if (r->type == REDIS_REPLY_NIL)
         return 0;
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2)

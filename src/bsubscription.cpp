@@ -10,18 +10,28 @@
 namespace bMSG {
 
 Subscription::Subscription(const char* address, uint16_t port,
+                           const std::vector<std::string>& channels, MessageCallback callback,
+                           const char* user, const char* password)
+    : Subscription(address && *address ? address : "127.0.0.1", port, Login(user, password),
+                   channels, std::move(callback))
+{
+}
+
+Subscription::Subscription(const Messager& bus, const std::vector<std::string>& channels,
+                           MessageCallback callback)
+    : Subscription(bus.server_address(), bus.server_port(), bus.login(), channels,
+                   std::move(callback))
+{
+}
+
+Subscription::Subscription(const std::string& address, uint16_t port, const Login& login,
                            const std::vector<std::string>& channels, MessageCallback callback)
     : callback_(std::move(callback))
 {
-    const std::string where = address && *address ? address : "127.0.0.1";
-    redisContext* c =
-        where[0] == '/' ? redisConnectUnix(where.c_str()) : redisConnect(where.c_str(), port);
-    if (!c || c->err) {
-        redisFree(c);
+    Context c;
+    if (open_connection(address, port, login, c) != Opened::ok)
         return;
-    }
-    prepare_connection(c);
-    context_ = c;
+    context_ = c.release();
     status_ = -3;
     if (channels.empty())
         return;
@@ -31,18 +41,12 @@ Subscription::Subscription(const char* address, uint16_t port,
         argv.push_back(ch.c_str());
         lengths.push_back(ch.size());
     }
-    Reply r = command_argv(c, static_cast<int>(argv.size()), argv.data(), lengths.data());
+    Reply r = command_argv(context_, static_cast<int>(argv.size()), argv.data(), lengths.data());
     if (!r || r->type != REDIS_REPLY_ARRAY)
         return;
     status_ = 0;
     running_ = true;
     thread_ = std::thread(&Subscription::receive, this);
-}
-
-Subscription::Subscription(const Messager& bus, const std::vector<std::string>& channels,
-                           MessageCallback callback)
-    : Subscription(bus.server_address().c_str(), bus.server_port(), channels, std::move(callback))
-{
 }
 
 Subscription::~Subscription()

@@ -1,6 +1,7 @@
 // lua_runner <interpreter> <module-dir> <script> [args...]: runs the script,
 // started as a program of ours, against a private redis-server (BMSG_TEST_*),
 // the module in LUA_CPATH; its status, or 1 when killed after 100 s.
+#include "acl.h"
 #include "redis_server.h"
 
 #include <unistd.h>
@@ -13,7 +14,8 @@ int main(int argc, char** argv)
 {
     if (argc < 4)
         return 2;
-    bmsg_test::RedisServer server;
+    const auto own = getenv("BMSG_TEST_ACL") ? std::move(bmsg_test::AclServer().server) : std::make_unique<bmsg_test::RedisServer>();
+    const bmsg_test::RedisServer& server = *own;
     const std::string script = argv[3];
     setenv("BMSG_TEST_PORT", std::to_string(server.port()).c_str(), 1);
     setenv("BMSG_TEST_SOCKET", server.socket().c_str(), 1);

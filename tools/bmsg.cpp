@@ -21,19 +21,26 @@ constexpr const char* lists_help =
     "LIST is a key or a named list: device (DEVICE_CMD), cmd (BIO_CMD), "
     "info (MAIN_BIOMETRIC_INFO), resp (BIOMETRIC_RESP)";
 
+// The bus of the running subcommand: checked() prints its refusals.
+const bMSG::Messager* current = nullptr;
+
 // Makes `sub` run `work` on a fresh connection (1 when there is none).
 void on_bus(CLI::App* sub, Action& action, int (*work)(bMSG::Messager&))
 {
     sub->callback([&action, work] {
         action = [work](const Options& o) {
             auto bus = open_bus(o);
+            current = bus.get();
             return bus ? work(*bus) : 1;
         };
     });
 }
 
+// A refused command fails with the server's text (NOPERM ...).
 int checked(int rc, const std::string& what)
 {
+    if (rc == -4 && current)
+        return fail(what + " refused: " + current->last_error());
     return rc < 0 ? fail(what + " failed (" + std::to_string(rc) + ")") : 0;
 }
 
@@ -47,8 +54,11 @@ void add_bus_commands(CLI::App& app, Action& action)
         redisReply* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING"));
         if (!reply)
             return fail("no answer to PING");
-        puts(reply->type == REDIS_REPLY_STATUS ? reply->str : "unexpected reply");
         const bool pong = reply->type == REDIS_REPLY_STATUS;
+        if (reply->type == REDIS_REPLY_ERROR)
+            fail(std::string("PING refused: ") + reply->str);
+        else
+            puts(pong ? reply->str : "unexpected reply");
         freeReplyObject(reply);
         return pong ? 0 : 1;
     });
@@ -152,6 +162,11 @@ int main(int argc, char** argv)
     app.add_option("-p,--port", options.port, "Server TCP port (default 6379)")
         ->type_name("PORT")
         ->excludes(socket);
+    app.add_option("-u,--user", options.user,
+                   "Log in as NAME (ACL user) with the password in BMSG_PASSWORD or --askpass")
+        ->type_name("NAME");
+    app.add_flag("--askpass", options.askpass,
+                 "Read the password from the terminal (not echoed) or one line of stdin");
     app.require_subcommand(1);
     app.fallthrough();
 

@@ -4,13 +4,16 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iostream>
 
 namespace bmsg_tool {
 
@@ -72,6 +75,27 @@ std::string probe(const Options& o)
     return why;
 }
 
+// One line of standard input; on a terminal it is asked for on stderr and
+// not echoed.
+std::string ask_password()
+{
+    termios saved = {};
+    const bool terminal = isatty(STDIN_FILENO) && tcgetattr(STDIN_FILENO, &saved) == 0;
+    if (terminal) {
+        termios quiet = saved;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+        fputs("Password: ", stderr);
+    }
+    std::string line;
+    std::getline(std::cin, line);
+    if (terminal) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        fputc('\n', stderr);
+    }
+    return line;
+}
+
 } // namespace
 
 int fail(const std::string& message)
@@ -88,13 +112,20 @@ std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
         fail("no server at " + where + ": " + why);
         return nullptr;
     }
-    // One attempt: the probe has just seen the server.
-    std::unique_ptr<bMSG::Messager> bus(
-        new bMSG::Messager(o.socket.empty() ? o.host.c_str() : o.socket.c_str(), o.port, 1));
+    const char* env = getenv("BMSG_PASSWORD");
+    const std::string password = o.askpass ? ask_password() : env ? env : "";
+    const bool login = o.askpass || env || !o.user.empty();
+    // One attempt: the probe has just seen the server. The library reports
+    // a refused login itself (on stdout, with the server's reason).
+    std::unique_ptr<bMSG::Messager> bus(new bMSG::Messager(
+        o.socket.empty() ? o.host.c_str() : o.socket.c_str(), o.port, 1,
+        o.user.empty() ? nullptr : o.user.c_str(), login ? password.c_str() : nullptr));
     if (!bus->redis_context()) {
-        fail("cannot connect to " + where);
+        fail(bus->last_error().empty() ? "cannot connect to " + where
+                                       : "login refused: " + bus->last_error());
         return nullptr;
     }
+    bus->set_error_replies(true);
     return bus;
 }
 

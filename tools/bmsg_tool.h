@@ -13,18 +13,23 @@
 
 namespace bmsg_tool {
 
-// Where the server is: the socket path when given, else host and port.
+// Where the server is: the socket path when given, else host and port; whom
+// to log in as (the password comes from BMSG_PASSWORD or, with askpass, from
+// the terminal or standard input, never from the command line).
 struct Options {
     std::string socket;
     std::string host = "127.0.0.1";
     uint16_t port = 6379;
+    std::string user;
+    bool askpass = false;
 };
 
 // What the chosen subcommand does once the arguments are parsed; returns the
 // exit status.
 using Action = std::function<int(const Options&)>;
 
-// A connected Messager, or null after a one-line message on stderr. Checks
+// A connected (and logged in) Messager that fails on error replies
+// (set_error_replies), or null after a one-line message on stderr. Checks
 // that something listens first (a few seconds at most), so a missing server
 // fails at once instead of going through the library's retry pauses.
 std::unique_ptr<bMSG::Messager> open_bus(const Options& options);

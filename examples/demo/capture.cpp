@@ -1,7 +1,8 @@
 // The demo's capture service: waits for "capture:N" on BIO_CMD, makes a
 // fingerprint-like ridge image (a different one for every N), sends it as a
 // "finger" sample, answers on BIOMETRIC_RESP and announces its state on
-// SYSTEM_STATUS. "quit" ends it.
+// SYSTEM_STATUS. "quit" ends it. Logs in as the user "capture" with the
+// password in BMSG_PASSWORD.
 // Usage: demo_capture SOCKET START_MS
 #include "bimage.h"
 #include "bmessager.h"
@@ -51,7 +52,10 @@ int main(int argc, char** argv)
         return 2;
     }
     const long long start = atoll(argv[2]);
-    bMSG::Messager bus(argv[1], 0, 3);
+    bMSG::Messager bus(argv[1], 0, 3, "capture", getenv("BMSG_PASSWORD"));
+    if (!bus.redis_context())
+        return 1;
+    demo::trace(start, "capture", "logged in to %s as capture", argv[1]);
     bus.system_publish("%s", "capture:ready");
     demo::trace(start, "capture", "ready, waiting on %s", bus.bio_cmd);
     char command[256];

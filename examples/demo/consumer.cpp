@@ -2,7 +2,8 @@
 // DIR/capture-N.png, posts a JSON record of it to the web service, tells
 // SYSTEM_STATUS, and finally asks the web service how many records it holds.
 // The web service is reached over HTTPS, verified by the CA certificate
-// named in the environment variable BMSG_DEMO_CA.
+// named in the environment variable BMSG_DEMO_CA. Logs in to the bus as the
+// user "consumer" with the password in BMSG_PASSWORD.
 // Usage: BMSG_DEMO_CA=CA.pem demo_consumer SOCKET START_MS HTTP_PORT DIR COUNT
 #include "bhttpclient.h"
 #include "bimage.h"
@@ -54,7 +55,10 @@ int main(int argc, char** argv)
     const long long start = atoll(argv[2]);
     const std::string dir = argv[4];
     const int count = atoi(argv[5]);
-    bMSG::Messager bus(argv[1], 0, 3);
+    bMSG::Messager bus(argv[1], 0, 3, "consumer", getenv("BMSG_PASSWORD"));
+    if (!bus.redis_context())
+        return 1;
+    demo::trace(start, "consumer", "logged in to %s as consumer", argv[1]);
     bMSG::bHttpClient http("127.0.0.1", static_cast<unsigned short>(atoi(argv[3])), 1, 0);
     bMSG::HttpTls tls;
     tls.https = true;

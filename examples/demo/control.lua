@@ -4,7 +4,8 @@
 -- status before the next, so no sample is overwritten before it is read.
 -- The script's texts have no blanks: the module hands them to the library as
 -- the command format, which splits literal text at blanks into arguments.
--- Usage: luajit control.lua PORT START_MS COUNT (TCP: Lua subscriptions use it)
+-- Logs in as the user "control" with the password in BMSG_PASSWORD.
+-- Usage: luajit control.lua SOCKET START_MS COUNT
 local ffi = require "ffi"
 local bmsg = require "bmsg"
 
@@ -14,7 +15,7 @@ int gettimeofday(struct timeval *tv, void *tz);
 int usleep(unsigned int usec);
 ]]
 
-local port, start, count = tonumber(arg[1]), tonumber(arg[2]), tonumber(arg[3])
+local socket, start, count = arg[1], tonumber(arg[2]), tonumber(arg[3])
 
 local function now_ms()
   local tv = ffi.new("struct timeval")
@@ -27,7 +28,10 @@ local function trace(text)
   io.flush()
 end
 
-local m = bmsg.messager.new("127.0.0.1", port, 3)
+local m = bmsg.messager.new(socket, 0, 3, "control", os.getenv("BMSG_PASSWORD"))
+local _, why = m:get("demo:none")
+if why then trace("cannot use the bus: " .. why) os.exit(1) end
+trace("logged in to " .. socket .. " as control; its subscription uses the same socket and login")
 local seen = {}
 local h = m:subscribe("SYSTEM_STATUS", function(channel, payload)
   trace(string.format("status on %s: %s", channel, payload))

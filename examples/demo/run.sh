@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The demo: the device's whole exchange with separate processes against a
-# private redis-server (Unix socket for the C++ programs, a free TCP port on
-# 127.0.0.1 for the Lua script, whose subscriptions connect over TCP) and a
-# small web service over HTTPS, with a CA made for the run. Every server is
-# started and stopped by pid.
+# private redis-server on a Unix socket only, under the device's ACL file
+# (data/device.acl) with passwords made for this run, every process logged in
+# as its role (the password in its environment, never on a command line),
+# and a small web service over HTTPS, with a CA made for the run. Every server
+# is started and stopped by pid.
 # Usage: examples/demo/run.sh BUILD-DIR [OUTPUT-DIR [CAPTURES]]
 # Exits 0 only when every capture was answered, stored as PNG and counted.
 set -euo pipefail
@@ -23,9 +24,12 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# A free TCP port: bind port 0, read what the kernel chose.
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-redis-server --port "$port" --bind 127.0.0.1 --unixsocket "$dir/redis.sock" --save "" \
+# A password per role for this run; the ACL copy holds only their hashes.
+for role in capture consumer control; do
+  export "BMSG_PASSWORD_${role^^}=$(head -c 18 /dev/urandom | base64 | tr -d '/+=')"
+done
+"$here/../../data/provision-acl" "$here/../../data/device.acl" "$dir/device.acl"
+redis-server --port 0 --unixsocket "$dir/redis.sock" --aclfile "$dir/device.acl" --save "" \
   --appendonly no --dir "$dir" --logfile "$dir/redis.log" --daemonize no &
 pids+=($!)
 # The run's CA and the web service's certificate for 127.0.0.1, signed by it.
@@ -36,18 +40,21 @@ python3 "$here/web.py" "$dir/web.port" "$dir/server.pem" "$dir/server.key" &
 pids+=($!)
 for _ in $(seq 200); do [ -S "$dir/redis.sock" ] && [ -s "$dir/web.port" ] && break; sleep 0.05; done
 web_port=$(cat "$dir/web.port")
-echo "redis-server on $dir/redis.sock and 127.0.0.1:$port, web service on https://127.0.0.1:$web_port"
+echo "redis-server on $dir/redis.sock only, web service on https://127.0.0.1:$web_port"
+echo "redis-server runs data/device.acl with this run's passwords: default user off, one user per role"
 
 start=$(date +%s%3N)
-"$build/examples/demo/demo_capture" "$dir/redis.sock" "$start" &
+BMSG_PASSWORD=$BMSG_PASSWORD_CAPTURE "$build/examples/demo/demo_capture" "$dir/redis.sock" "$start" &
 capture=$!
-BMSG_DEMO_CA="$dir/ca.pem" "$build/examples/demo/demo_consumer" "$dir/redis.sock" "$start" "$web_port" "$out" "$count" &
+BMSG_PASSWORD=$BMSG_PASSWORD_CONSUMER BMSG_DEMO_CA="$dir/ca.pem" \
+  "$build/examples/demo/demo_consumer" "$dir/redis.sock" "$start" "$web_port" "$out" "$count" &
 consumer=$!
 status=0
 # A bound on the script, so a lost message cannot keep the demo waiting.
-LUA_CPATH="$build/lua/?.so" timeout 120 luajit "$here/control.lua" "$port" "$start" "$count" || status=1
+BMSG_PASSWORD=$BMSG_PASSWORD_CONTROL LUA_CPATH="$build/lua/?.so" \
+  timeout 120 luajit "$here/control.lua" "$dir/redis.sock" "$start" "$count" || status=1
 wait "$consumer" || status=1
-"$build/tools/bmsg" -s "$dir/redis.sock" push cmd quit
+BMSG_PASSWORD=$BMSG_PASSWORD_CONTROL "$build/tools/bmsg" -s "$dir/redis.sock" --user control push cmd quit
 wait "$capture" || status=1
 
 records=$(python3 -c "import ssl, urllib.request as u; print(u.urlopen('https://127.0.0.1:$web_port/count',

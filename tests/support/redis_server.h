@@ -11,7 +11,8 @@ namespace bmsg_test {
 
 class RedisServer {
 public:
-    RedisServer();  // waits until it answers; aborts when it cannot start
+    // Waits until it answers, aborts when it cannot; `config` overrides the harness's arguments.
+    explicit RedisServer(std::vector<std::string> config = {});
     ~RedisServer();
     void stop(int signal = 9);  // kills and reaps it
     void restart();             // on the same port and socket
@@ -23,6 +24,7 @@ public:
 
 private:
     bool start();
+    std::vector<std::string> config_;
     std::string dir_, socket_;
     uint16_t port_ = 0;
     pid_t pid_ = -1;

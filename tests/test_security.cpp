@@ -1,0 +1,85 @@
+// The device's roles under data/device.acl: each does its job and is refused the rest (-4 with
+// the opt-in, exit 1 from the tool); a wrong password fails at once; no password is printed.
+#include "acl.h"
+#include "bimage.h"
+#include "bsubscription.h"
+
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <sys/mman.h>
+#include <atomic>
+
+using bMSG::Messager;
+
+TEST(Roles, EachDoesTheDemosExchangeAndIsRefusedTheRest)
+{
+    bmsg_test::AclServer acl;
+    std::map<std::string, std::unique_ptr<Messager>> as;
+    for (auto& [user, pw] : acl.passwords) {
+        as[user] = std::make_unique<Messager>(acl.server->socket().c_str(), 0, 1, user.c_str(), pw.c_str());
+        as[user]->set_error_replies(true);
+    }
+    Messager &control = *as["control"], &capture = *as["capture"], &consumer = *as["consumer"], &field = *as["fieldtool"], &recorder = *as["recorder"];
+    std::atomic<int> statuses{0};
+    bMSG::Subscription sub(control, {"SYSTEM_STATUS"}, [&](const char*, const char*, size_t, void*) { ++statuses; });
+    const std::string m = "acl" + std::to_string(getpid()), list = "BIOMETRIC_SAMPLE_" + m;
+    BImage::Image image(4, 2, BImage::GRAY8, nullptr), back(0, 0, BImage::GRAY8, nullptr);
+    char s[64];
+    const int done[] = {control.set("mode", "enroll"), control.get("mode", s, 64), control.bio_cmd_send("%s", "capture:1"),
+        control.device_cmd_send("%s", "wake"), control.list_size("BIO_CMD") - 1,
+        capture.list_recv("BIO_CMD", s, 64, 1, nullptr, 0) - 9, capture.bio_sample_send(m.c_str(), &image),
+        field.list_size(list.c_str()) - 1, field.get("mode", s, 64), consumer.list_size(list.c_str()) - 1,
+        consumer.bio_sample_recv_into({m.c_str()}, 1, back) - 1, capture.bio_resp_send("%s", "ok"),
+        capture.bio_info_send("%s", "i"), control.list_recv("BIOMETRIC_RESP", s, 64, 1, nullptr, 0) - 2,
+        control.list_recv("MAIN_BIOMETRIC_INFO", s, 64, 0, nullptr, 0) - 1, capture.system_publish("%s", "a") - 1,
+        consumer.system_publish("%s", "b") - 1, control.system_publish("%s", "c") - 1, control.list_clear("BIO_CMD"),
+        as["admin"]->list_clear("DEVICE_CMD") - 1};
+    for (const int& rc : done)
+        EXPECT_EQ(rc, 0) << "step " << &rc - done;
+    EXPECT_TRUE(sub.status() == 0 && bMSG::Subscription(field, {"SYSTEM_STATUS"}, nullptr).status() == 0 &&
+                bmsg_test::wait_until([&] { return statuses == 3; }) && capture.bio_sample_send(m.c_str(), &image) == 0);
+    const std::pair<Messager*, int> refused[] = {{&control, control.list_recv(list.c_str(), s, 64, 0, nullptr, 0)},
+        {&control, control.bio_sample_recv_into({m.c_str()}, 1, back)}, {&capture, capture.list_recv(list.c_str(), s, 64, 0, nullptr, 0)},
+        {&consumer, consumer.bio_cmd_send("%s", "capture:2")}, {&consumer, consumer.get("mode", s, 64)},
+        {&field, field.bio_cmd_send("%s", "x")}, {&field, field.list_recv("BIO_CMD", s, 64, 0, nullptr, 0)},
+        {&field, field.list_clear(list.c_str())}, {&field, field.set("mode", "x")},
+        {&field, field.system_publish("%s", "x")}, {&recorder, recorder.get("mode", s, 64)}};
+    for (const auto& [who, rc] : refused)
+        EXPECT_TRUE(rc == -4 && who->last_error().rfind("NOPERM", 0) == 0) << rc << who->last_error();
+    for (Messager* who : {&control, &capture, &consumer, &field, &recorder})
+        for (const char* command : {"FLUSHALL", "KEYS *", "CONFIG GET port", "DEBUG SLEEP 0", "MONITOR"}) {
+            auto* r = static_cast<redisReply*>(redisCommand(who->redis_context(), command));
+            EXPECT_EQ(r->type, who == &recorder && command[0] == 'M' ? REDIS_REPLY_STATUS : REDIS_REPLY_ERROR) << command;
+            freeReplyObject(r);
+        }
+    shm_unlink(("/" + list).c_str());
+}
+
+TEST(Login, WrongPasswordFailsAtOnceAndTheToolLogsInOrFailsWithTheServersText)
+{
+    bmsg_test::AclServer acl;
+    const std::string &pw = acl.passwords["control"], &socket = acl.server->socket();
+    for (const char* user : {"control", "nosuch", ""}) {
+        const auto r = bmsg_test::run_captured([&] {
+            Messager m(socket.c_str(), 0, 5, user, (pw + "x").c_str());  // 5 attempts: 5 reports if retried
+            bMSG::Subscription s(socket.c_str(), 0, {"SYSTEM_STATUS"}, nullptr, user, pw.c_str() + 1);
+            return (m.redis_context() ? 1 : 0) + (m.set("k", "v") == -1 ? 0 : 2) + (s.status() == -1 ? 0 : 4);
+        });
+        EXPECT_TRUE(r.status == 0 && r.err.size() == 3 * r.err.find(':') + 3) << r.status << r.err;  // a report a connect
+        EXPECT_EQ((r.out + r.err).find(pw.substr(1)), std::string::npos);
+    }
+    // The tool: the password from BMSG_PASSWORD or --askpass (here stdin), refusals exit 1.
+    const struct { const char* user; std::vector<std::string> args; int status; const char* err; } rows[] = {
+        {"control", {"push", "cmd", "x"}, 0, ""}, {"fieldtool", {"len", "cmd"}, 0, ""}, {"fieldtool", {"--askpass", "ping"}, 0, ""},
+        {"fieldtool", {"push", "cmd", "x"}, 1, "NOPERM"}, {"fieldtool", {"pop", "cmd"}, 1, "NOPERM"}, {"fieldtool", {"clear", "cmd"}, 1, "NOPERM"},
+        {"consumer", {"push", "cmd", "x"}, 1, "NOPERM"}, {"capture", {"--askpass", "len", "cmd"}, 1, "NOPERM"}, {"nosuch", {"ping"}, 1, "WRONGPASS"}};
+    for (const auto& row : rows) {
+        const std::string pw = acl.passwords[acl.passwords.count(row.user) ? row.user : "control"];
+        setenv("BMSG_PASSWORD", row.args[0] == "--askpass" ? "wrong" : pw.c_str(), 1);
+        std::vector<std::string> args{"-s", acl.server->socket(), "--user", row.user};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        bmsg_test::Child c = bmsg_test::spawn_program(BMSG_TOOL, args, pw + "\n");
+        EXPECT_TRUE(c.wait() == row.status && c.err().find(row.err) != std::string::npos) << row.args[0] << c.err();
+        EXPECT_EQ((c.out() + c.err()).find(pw), std::string::npos);
+    }
+}
