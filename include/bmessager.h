@@ -12,7 +12,9 @@
 // fit the 1024-byte command template, in which case nothing is sent);
 // -3 no reply to a pop, LLEN, DEL or SUBSCRIBE; -5 a value does not fit the
 // caller's buffer; -6 a reply element is not a string; -7 no reply to SET;
-// -8 no reply to GET; -10 no image given to the sample sender.
+// -8 no reply to GET; -10 no image given to the sample sender; -11 the
+// sample segment holds another image; -12 a sample send refused under
+// back-pressure.
 //
 // Failures that are reported write "bMSG ERROR <function>[<line>]:" to
 // stderr, then the message and a line break to stdout.
@@ -160,12 +162,16 @@ public:
     // the pixels and the header in one hold of the lock. Before it copies, a
     // receiver checks with one fstat that its cached segment still has its
     // name and length; a segment a restarted sender made anew, cut or grown
-    // is opened again by name. Under the lock it compares the descriptor it
-    // took with the header the segment holds (offset 48): when they differ
-    // the pixels belong to another image and it delivers nothing (described
-    // receivers: null and the report "shared memory holds another image";
-    // additions: -11). The descriptor is gone from the list as after any
-    // other failure (bio_sample_read: see there).
+    // is opened again by name (so a cached segment smaller than a new image
+    // no longer throws "Read size exceeds shared memory size": it is mapped
+    // further when the object has grown, else it counts as missing, and a
+    // mapping whose object lost its name no longer serves the old pixels).
+    // Under the lock it compares the descriptor it took with the header the
+    // segment holds (offset 48): when they differ the pixels belong to
+    // another image and it delivers nothing (described receivers: null and
+    // the report "shared memory holds another image"; additions: -11). The
+    // descriptor is gone from the list as after any other failure
+    // (bio_sample_read: see there).
     //
     // The segment holds one image. Equal headers cannot tell a same-shape
     // overwrite apart: a receiver that falls behind gets the newer capture
