@@ -12,8 +12,10 @@
 // fit the 1024-byte command template, in which case nothing is sent);
 // -3 no reply to a pop, LLEN, DEL or SUBSCRIBE; -5 a value does not fit the
 // caller's buffer; -6 a reply element is not a string; -7 no reply to SET;
-// -8 no reply to GET; -10 no image given to the sample sender; -4 (only
-// after set_error_replies(true)) the server refused the command.
+// -8 no reply to GET; -10 no image given to the sample sender; -11 the
+// sample segment holds another image; -12 a sample send refused under
+// back-pressure; -4 (only after set_error_replies(true)) the server refused
+// the command.
 //
 // Failures that are reported write "bMSG ERROR <function>[<line>]:" to
 // stderr, then the message and a line break to stdout.
@@ -177,17 +179,46 @@ public:
     // "BIOMETRIC_SAMPLE_" m and the shared-memory segment "/BIOMETRIC_SAMPLE_" m:
     // a 48-byte mutex, the 32-byte image header, then the pixels. Each list
     // element is exactly the 32 header bytes. Segments are opened on first
-    // use, kept in `segments` and released by the destructor (the sender's
-    // own segment is unlinked then). std::runtime_error from SharedMemory
-    // (creation, and data larger than the cached segment) is not caught and
-    // leaves these calls.
+    // use, kept in `segments` and released by the destructor (a segment this
+    // process created is unlinked then). std::runtime_error from SharedMemory
+    // (creation, and data larger than the sender's segment) is not caught
+    // and leaves these calls.
+    //
+    // A sender creates the segment when its name is free, else attaches to
+    // the one that exists (another sender's): it never re-initialises its
+    // mutex, never shrinks it, grows it under the lock when its first image
+    // needs more room, and leaves unlinking to the creator. Each send writes
+    // the pixels and the header in one hold of the lock. Before it copies, a
+    // receiver checks with one fstat that its cached segment still has its
+    // name and length; a segment a restarted sender made anew, cut or grown
+    // is opened again by name (so a cached segment smaller than a new image
+    // no longer throws "Read size exceeds shared memory size": it is mapped
+    // further when the object has grown, else it counts as missing, and a
+    // mapping whose object lost its name no longer serves the old pixels).
+    // Under the lock it compares the descriptor it took with the header the
+    // segment holds (offset 48): when they differ the pixels belong to
+    // another image and it delivers nothing (described receivers: null and
+    // the report "shared memory holds another image"; additions: -11). The
+    // descriptor is gone from the list as after any other failure
+    // (bio_sample_read: see there).
+    //
+    // The segment holds one image. Equal headers cannot tell a same-shape
+    // overwrite apart: a receiver that falls behind gets the newer capture
+    // under the older descriptor. set_sample_backpressure below keeps a
+    // sender from overwriting while a descriptor is queued; what remains is
+    // the moment between a receiver's pop and its copy. To close it, send
+    // the next image only after the receiver's acknowledgement (for example
+    // its answer on BIOMETRIC_RESP or a status it publishes once it holds the
+    // image), as the demo's control script does.
 
     // Writes the pixels and the header into the modality's segment (created
-    // on the first send with room for this image's count() + 32 bytes, never
-    // grown) and pushes the header onto the modality's list. 0, -1 no
-    // connection, -10 `image` null or without pixels for a positive count(),
-    // -2 no reply to the push, or the modality contains a blank (it could not
-    // name one list key; nothing is written). A larger image than the first
+    // or attached on the first send with room for this image's count() + 32
+    // bytes; a later larger image does not grow it) and pushes the header
+    // onto the modality's list. 0, -1 no connection, -10 `image` null or
+    // without pixels for a positive count(), -2 no reply to the push, or the
+    // modality contains a blank (it could not name one list key; nothing is
+    // written), -12 back-pressure on and a descriptor still queued (nothing
+    // written), -3 no reply to its LLEN. A larger image than the first
     // throws "Data size exceeds shared memory size: ..." and pushes nothing.
     // `modality` must not be null.
     int bio_sample_send(const char* modality, BImage::Image* image);
@@ -220,6 +251,9 @@ public:
     // <n>" and drops the connection (the next operation reconnects). When
     // the modality's segment cannot be opened it reports "shared memory is
     // invalid" and RPOPs that descriptor so it cannot block later reads.
+    // When the segment holds another image it reports "shared memory holds
+    // another image" and removes that descriptor (LREM key -1 <its bytes>):
+    // its image is gone for good, and the next read looks at the next one.
     // Never blocks. The image is new'd; the caller deletes it.
     BImage::Image* bio_sample_read(const char* modality);
 
@@ -238,9 +272,11 @@ public:
     // (the sample is dropped), -6 the reply or the descriptor is malformed
     // (a negative timeout is refused by the server and gives -6 too),
     // -9 the modality's segment is missing or shorter than the image, -10
-    // the caller's image could not be grown, -4 the pop was refused (only
-    // with set_error_replies(true)). The descriptor is gone from the
-    // list after every pop. None of them reports on stdout/stderr.
+    // the caller's image could not be grown, -11 the segment holds another
+    // image than the descriptor describes (overwritten, or the segment was
+    // made anew), -4 the pop was refused (only with set_error_replies(true)).
+    // The descriptor is gone from the list after every pop. None of them
+    // reports on stdout/stderr.
 
     // Receives from several modalities: BRPOP with each modality's list as
     // its own key, blocking up to `timeout` seconds (0: no limit), so the
@@ -257,9 +293,10 @@ public:
     // The segment lock is held while `fill` runs: a slow fill delays the
     // receivers of this modality. The lock is released on every exit; an
     // exception from `fill` propagates and nothing is pushed. Returns 0, -1,
-    // -2 (as bio_sample_send), -10 when width, height and format give no
-    // pixels. Throws "Data size exceeds shared memory size: ..." when the
-    // segment is smaller than the image (fill not called).
+    // -2, -3, -12 (as bio_sample_send; fill not called on -12), -10 when
+    // width, height and format give no pixels. Throws "Data size exceeds
+    // shared memory size: ..." when the segment is smaller than the image
+    // (fill not called).
     int bio_sample_loan(const char* modality, int width, int height, BImage::ImageFormat format,
                         const SampleFill& fill);
 
@@ -278,8 +315,10 @@ public:
     // buffer is reused when it holds at least the new count() bytes (its
     // current count() counts as its size), else a new one is allocated and
     // owned by the record (its own previous block is freed; caller data is
-    // never freed). A steady stream of one size allocates nothing. -10 when
-    // the allocation fails (image unchanged, sample dropped).
+    // never freed). A steady stream of one size allocates nothing. On every
+    // result but 1 the image is exactly as it was (a longer image is copied
+    // into a new block that is adopted only on success); -10 when the
+    // allocation fails (sample dropped).
     int bio_sample_recv_into(const std::vector<const char*>& modalities, int timeout,
                              BImage::Image& image, char* out = nullptr, int len = 0);
 
@@ -295,7 +334,8 @@ public:
     // the samples. Any other value (for example 0600 or 0660) is given to
     // each segment this object creates from then on, exactly (umask not
     // applied); the object must not be owned by another user. See
-    // SharedMemory::restrict_mode.
+    // SharedMemory's constructor. A segment another process created keeps
+    // its mode.
     void set_segment_mode(mode_t mode) { segment_mode = mode; }
 
     // Off by default: an error reply of the server (for example NOPERM from
@@ -311,6 +351,17 @@ public:
     // of the last refused AUTH (whatever set_error_replies says); empty
     // until one came. Kept until the next refusal.
     const std::string& last_error() const { return refusal; }
+
+    // Off by default (negative). With `milliseconds` >= 0, bio_sample_send
+    // and bio_sample_loan do not overwrite a segment while a descriptor of
+    // that modality is still queued: they wait for the list to drain, asking
+    // LLEN about every 2 ms for up to `milliseconds` (blocking), and then
+    // return -12 with nothing written or pushed. The LLEN, the write and the
+    // push happen in one hold of the segment lock, so two senders with it on
+    // never overwrite each other's queued image; the push then delays this
+    // modality's receivers by one round trip. It protects only images still
+    // queued, see the window above.
+    void set_sample_backpressure(int milliseconds) { backpressure = milliseconds; }
 
     // The live connection (null while not connected), the server address
     // and port and the login; for bindings and subscriptions that open
@@ -351,8 +402,11 @@ private:
     mode_t segment_mode = 0;
     bool error_replies = false;
     std::string refusal;
+    int backpressure = -1;
 
     SharedMemory* sender_segment(const std::string& name, size_t capacity);
+    int put_sample(const std::string& name, size_t capacity, size_t len, size_t offset,
+                   const unsigned char* header, const std::function<void(unsigned char*)>& fill);
     int pop_sample(const std::vector<const char*>& modalities, int timeout, char* out, int len,
                    std::string& modality, std::string& descriptor);
     int view_sample(const std::string& modality, const std::string& descriptor,

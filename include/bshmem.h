@@ -6,6 +6,14 @@
 //
 // The 48-byte header is fixed so that peers on every platform agree on the
 // payload offset, whatever the size of the local pthread_mutex_t.
+//
+// Life of a segment. Exactly one process creates the object (O_CREAT|O_EXCL)
+// and writes the first 48 bytes, an initialised unlocked mutex, with one
+// write(): an object shorter than 48 bytes is one whose creator has not got
+// that far, and nobody touches its mutex. Every other process attaches: it
+// never initialises the mutex again, never shrinks the object, and grows it
+// (ftruncate) only while holding the mutex. Only the creator unlinks the
+// name, and only while that name still names its object.
 #ifndef BMSG_BSHMEM_H
 #define BMSG_BSHMEM_H
 
@@ -28,12 +36,16 @@ public:
     // Length of the segment header that holds the mutex.
     static constexpr size_t header_size = 48;
 
-    // With create true: creates (or reuses and resizes) the segment and
-    // initialises its mutex; throws std::runtime_error on failure.
-    // With create false: opens an existing segment and never throws for a
-    // missing one; the object is then invalid (addr null), and prints nothing.
+    // With create true: create() (below); throws std::runtime_error on
+    // failure. With create false: opens an existing segment that holds at
+    // least `size` payload bytes and never throws for a missing or shorter
+    // one; the object is then invalid (addr null), and prints nothing.
     // `size` is the payload capacity; the mapping is size + 48 bytes.
-    SharedMemory(const std::string& name, size_t size, bool create);
+    // `mode` 0 creates the object with mode 0666 less the umask; any other
+    // value is given to an object this call creates exactly (umask not
+    // applied, set before anyone else can open it); it is ignored when the
+    // object exists.
+    SharedMemory(const std::string& name, size_t size, bool create, mode_t mode = 0);
 
     // Unmaps, closes, and unlinks the name when this object created it.
     ~SharedMemory();
@@ -41,10 +53,43 @@ public:
     SharedMemory(const SharedMemory&) = delete;
     SharedMemory& operator=(const SharedMemory&) = delete;
 
-    // Creates or re-creates the segment and (re)initialises its mutex.
-    // Throws std::runtime_error "Failed to create shared memory: <name>",
-    // "Failed to set size of shared memory" or "Failed to map shared memory".
+    // Creates the segment and initialises its mutex when `name` is free
+    // (owner becomes true); otherwise attaches to the segment that exists
+    // (owner false): its mutex is used as its creator made it (robust or
+    // plain), and the object is grown to size, under that mutex, when it is
+    // shorter, never shrunk. An object this one created that still has its
+    // name is kept (its mutex is written again only when someone cut the
+    // object below 48 bytes). Waits up to about one second for a creator
+    // that has not yet written the mutex. Throws std::runtime_error
+    // "Failed to create shared memory: <name>" (also when that wait ends),
+    // "Failed to set size of shared memory" or "Failed to map shared memory";
+    // a creator removes the name again on the last two.
+    //
+    // Departure from the first version, which re-created an existing
+    // object: it truncated it to this object's size and ran
+    // pthread_mutex_init on a mutex other processes might hold, and every
+    // creator unlinked the name. Callers that were alone on a name see no
+    // difference.
     void create();
+
+    // Whether the mapped object still has its name and is at least as long
+    // as the mapping: one fstat. False for an invalid object.
+    bool current() const;
+
+    // For receivers, before a copy of `capacity` payload bytes: true at
+    // once (one fstat) when the mapping is current and that long. A mapping
+    // whose object lost its name (its sender ended and another created the
+    // segment anew) or shrank is dropped and the name opened afresh; an
+    // object that has grown is mapped further. False when `capacity` bytes
+    // cannot be mapped: the object is invalid (addr null) when the name
+    // could not be opened, else it keeps its current mapping. Never throws.
+    // A creator that finds its object without its name stops being owner.
+    bool follow(size_t capacity);
+
+    // Whether `name` now opens another object than the mapped one (an open
+    // and two fstat: for checks off the hot path). False when the name
+    // cannot be opened.
+    bool replaced() const;
 
     // Copies len bytes from data to payload offset `offset` under the mutex.
     // Throws std::runtime_error "Data size exceeds shared memory size: ..."
@@ -71,15 +116,9 @@ public:
     // offset + len passes the capacity (use not called).
     void read(size_t len, size_t offset, const std::function<void(const unsigned char*)>& use);
 
-    // Gives the object `name` exactly `mode` (umask not applied), creating
-    // it empty with that mode when missing, so that a later create() reuses
-    // it and never widens who may open it. Descriptors others opened before
-    // keep their access. Throws std::runtime_error "Failed to set mode of
-    // shared memory: <name>" (for example when another user owns it).
-    static void restrict_mode(const std::string& name, mode_t mode);
-
-    // Unmaps, closes the descriptor and, for the creator, unlinks the name.
-    // Safe to call more than once: later calls do nothing.
+    // Unmaps, closes the descriptor and, for the creator, unlinks the name
+    // unless it already names another object. Safe to call more than once:
+    // later calls do nothing.
     void close();
 
     std::string name;          // object name as given to shm_open ("/..." )
@@ -90,7 +129,10 @@ public:
     bool owner;                // this object created the segment
 
 private:
+    mode_t mode;               // mode for an object create() makes, 0: 0666 less umask
     void map();
+    void open_existing();
+    void attach();
     void release();
 };
 

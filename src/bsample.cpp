@@ -6,11 +6,12 @@
 #include "bmsg_internal.h"
 #include "bshmem.h"
 
-#include <sys/stat.h>
-
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -34,32 +35,15 @@ size_t pixel_length(const BImage::Image& image)
     return static_cast<size_t>(image.count());
 }
 
-// Whether the segment's object is still as long as the mapping: a copy past
-// the end of a segment that someone truncated would raise SIGBUS.
-bool intact(const SharedMemory& segment)
-{
-    struct stat st;
-    return fstat(segment.fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= segment.size;
-}
-
-// The modality's segment as a receiver maps it, opened on first use with
-// room for `capacity` bytes; null when it cannot be opened. A cached mapping
-// whose object shrank is opened afresh, and so is one smaller than
-// `capacity` when `grow` is set, unless this object made it (reopening
-// would unlink it).
-SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_t capacity,
-                               bool grow)
+// The modality's segment as a receiver maps it, opened on first use, with
+// room for `capacity` payload bytes; null when that cannot be had. A cached
+// mapping costs one fstat: when its object was replaced (a restarted
+// sender), cut or is too short for this image, it is opened afresh or
+// mapped further (SharedMemory::follow). A cached entry is dropped only when
+// its name cannot be opened any more.
+SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_t capacity)
 {
     auto found = bus.segments.find(modality);
-    if (found != bus.segments.end() &&
-        (!intact(*found->second) ||
-         (grow && !found->second->owner &&
-          found->second->size - SharedMemory::header_size < capacity))) {
-        // Shrunk under us: forget it and open it afresh, as if first used.
-        delete found->second;
-        bus.segments.erase(found);
-        found = bus.segments.end();
-    }
     if (found == bus.segments.end()) {
         std::unique_ptr<SharedMemory> segment(
             new SharedMemory("/" + std::string(bus.bio_sample) + modality, capacity, false));
@@ -68,7 +52,46 @@ SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_
         found = bus.segments.emplace(modality, segment.get()).first;
         segment.release();
     }
-    return found->second;
+    SharedMemory* segment = found->second;
+    if (segment->follow(capacity))
+        return segment;
+    if (!segment->addr) {
+        delete segment;
+        bus.segments.erase(found);
+    }
+    return nullptr;
+}
+
+// What became of one sample taken out of its segment.
+enum class Taken { done, missing, other };
+
+// Calls `use` with the pixels (`length` bytes) of the image `descriptor`
+// (32 bytes) describes, under the segment lock, when the segment still holds
+// that image: its header at payload offset 0 equals the descriptor. When it
+// holds another one and the name now opens another object, that one is
+// tried once.
+Taken take_sample(Messager& bus, const std::string& modality, const char* descriptor,
+                  size_t length, const std::function<void(const unsigned char*)>& use)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        SharedMemory* segment = receiver_segment(bus, modality, sample_header + length);
+        if (!segment)
+            return Taken::missing;
+        bool same = false;
+        segment->read(sample_header + length, 0, [&](const unsigned char* payload) {
+            same = memcmp(payload, descriptor, sample_header) == 0;
+            if (same)
+                use(payload + sample_header);
+        });
+        if (same)
+            return Taken::done;
+        if (attempt > 0 || !segment->replaced())
+            break;
+        segment->owner = false;  // its name is another object's now
+        delete segment;
+        bus.segments.erase(modality);
+    }
+    return Taken::other;
 }
 
 // Decodes a descriptor; false when it is not one. A parser that succeeds
@@ -100,9 +123,10 @@ bool copy_modality(char* out, int len, const std::string& modality)
 
 // Decodes a descriptor, allocates the image and copies its pixels out of the
 // modality's segment, opening that segment on first use. Null after a
-// report; `missing` is set when the segment could not be opened.
+// report; `taken` (when given) tells a missing segment from one that holds
+// another image.
 BImage::Image* load_sample(Messager& bus, const char* func, const char* descriptor, size_t length,
-                           const std::string& modality, bool* missing = nullptr)
+                           const std::string& modality, Taken* taken = nullptr)
 {
     int width = 0;
     int height = 0;
@@ -117,37 +141,17 @@ BImage::Image* load_sample(Messager& bus, const char* func, const char* descript
         BMSG_REPORT(func, "load image failed");
         return nullptr;
     }
-    SharedMemory* segment = receiver_segment(bus, modality, sample_capacity(*image), false);
-    if (!segment) {
+    const Taken t = take_sample(bus, modality, descriptor, size, [&](const unsigned char* pixels) {
+        if (size)
+            memcpy(image->data, pixels, size);
+    });
+    if (taken)
+        *taken = t;
+    if (t == Taken::missing)
         BMSG_REPORT(func, "shared memory is invalid");
-        if (missing)
-            *missing = true;
-        return nullptr;
-    }
-    segment->read(image->data, pixel_length(*image), sample_header);
-    return image.release();
-}
-
-// Makes `image` hold `length` bytes of pixels for the new shape, reusing its
-// buffer when its current count() is at least that long. Goes only through
-// the record's public fields: a record frees its own block with free().
-bool fit_image(BImage::Image& image, int width, int height, BImage::ImageFormat format,
-               size_t length)
-{
-    const int have = image.count();
-    if (length > 0 && (!image.data || have < 0 || static_cast<size_t>(have) < length)) {
-        void* block = nullptr;
-        if (posix_memalign(&block, 16, length) != 0)
-            return false;
-        if (image.buffer)
-            free(image.buffer);
-        image.buffer = block;
-        image.data = static_cast<unsigned char*>(block);
-    }
-    image.width = width;
-    image.height = height;
-    image.format = format;
-    return true;
+    if (t == Taken::other)
+        BMSG_REPORT(func, "shared memory holds another image");
+    return t == Taken::done ? image.release() : nullptr;
 }
 
 } // namespace
@@ -162,34 +166,65 @@ int Messager::bio_sample_send(const char* modality, BImage::Image* image)
     // The key goes into the push's command text, where a blank would split it.
     if (name.find(' ') != std::string::npos)
         return -2;
-    SharedMemory* segment = sender_segment(name, sample_capacity(*image));
-    segment->write(image->data, pixel_length(*image), sample_header);
     const unsigned char* header = image->format_header();
-    segment->write(header, sample_header, 0);
-    return list_send((bio_sample + name).c_str(), "%b", header, sample_header);
+    const size_t length = pixel_length(*image);
+    // Pixels and header in one hold of the lock; the bounds are those of the
+    // pixels at payload offset 32, the header goes just before them.
+    return put_sample(name, sample_capacity(*image), length, sample_header, header,
+                      [&](unsigned char* pixels) {
+                          if (length)
+                              memcpy(pixels, image->data, length);
+                          memcpy(pixels - sample_header, header, sample_header);
+                      });
 }
 
-// The sender's segment of a modality, created on first use with room for
-// `capacity` bytes (and the object's segment mode, when one is set).
+// The sender's segment of a modality, created or attached on first use with
+// room for `capacity` bytes (and the object's segment mode, when one is
+// set). One fstat per send: a segment that lost its name (a peer that
+// created it ended) or was cut is created or attached again.
 SharedMemory* Messager::sender_segment(const std::string& name, size_t capacity)
 {
-    const std::string object = "/" + std::string(bio_sample) + name;
     auto found = segments.find(name);
     if (found == segments.end()) {
-        if (segment_mode)
-            SharedMemory::restrict_mode(object, segment_mode);
-        std::unique_ptr<SharedMemory> segment(new SharedMemory(object, capacity, true));
+        std::unique_ptr<SharedMemory> segment(
+            new SharedMemory("/" + std::string(bio_sample) + name, capacity, true, segment_mode));
         found = segments.emplace(name, segment.get()).first;
         segment.release();
     }
     SharedMemory* segment = found->second;
-    // The segment is ours: when someone truncated it, restore it.
-    if (!intact(*segment)) {
-        if (segment_mode)
-            SharedMemory::restrict_mode(object, segment_mode);
+    if (!segment->current())
         segment->create();
-    }
     return segment;
+}
+
+int Messager::put_sample(const std::string& name, size_t capacity, size_t len, size_t offset,
+                         const unsigned char* header, const std::function<void(unsigned char*)>& fill)
+{
+    SharedMemory* segment = sender_segment(name, capacity);
+    const std::string key = bio_sample + name;
+    if (backpressure < 0) {
+        segment->write(len, offset, fill);
+        return list_send(key.c_str(), "%b", header, sample_header);
+    }
+    // LLEN and the push inside the lock section: another sender that asks
+    // after us sees our descriptor.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(backpressure);
+    for (;;) {
+        int queued = 0;
+        int rc = 0;
+        segment->write(len, offset, [&](unsigned char* p) {
+            queued = list_size(key.c_str());
+            if (queued == 0) {
+                fill(p);
+                rc = list_send(key.c_str(), "%b", header, sample_header);
+            }
+        });
+        if (queued <= 0)
+            return queued < 0 ? queued : rc;
+        if (std::chrono::steady_clock::now() >= end)
+            return -12;
+        sleep_ms(2);
+    }
 }
 
 int Messager::bio_sample_loan(const char* modality, int width, int height,
@@ -206,14 +241,13 @@ int Messager::bio_sample_loan(const char* modality, int width, int height,
     if (name.find(' ') != std::string::npos)
         return -2;
     const unsigned char* header = shape.format_header();
-    SharedMemory* segment = sender_segment(name, sample_header + length);
     // Pixels, then the header in the same lock section: a reader never sees
     // the header of an image whose pixels are not written yet.
-    segment->write(sample_header + length, 0, [&](unsigned char* payload) {
-        fill(payload + sample_header, length);
-        memcpy(payload, header, sample_header);
-    });
-    return list_send((bio_sample + name).c_str(), "%b", header, sample_header);
+    return put_sample(name, sample_header + length, sample_header + length, 0, header,
+                      [&](unsigned char* payload) {
+                          fill(payload + sample_header, length);
+                          memcpy(payload, header, sample_header);
+                      });
 }
 
 int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout, char* out,
@@ -265,13 +299,9 @@ int Messager::view_sample(const std::string& modality, const std::string& descri
         return -6;
     if (prepare && !prepare(width, height, format, length))
         return -10;
-    SharedMemory* segment = receiver_segment(*this, modality, sample_header + length, true);
-    if (!segment || segment->size - SharedMemory::header_size < sample_header + length)
-        return -9;
-    segment->read(length, sample_header, [&](const unsigned char* pixels) {
-        view(width, height, format, pixels);
-    });
-    return 1;
+    const Taken t = take_sample(*this, modality, descriptor.data(), length,
+                                [&](const unsigned char* pixels) { view(width, height, format, pixels); });
+    return t == Taken::done ? 1 : t == Taken::missing ? -9 : -11;
 }
 
 int Messager::bio_sample_view(const std::vector<const char*>& modalities, int timeout,
@@ -291,15 +321,40 @@ int Messager::bio_sample_recv_into(const std::vector<const char*>& modalities, i
     const int rc = pop_sample(modalities, timeout, out, len, modality, descriptor);
     if (rc != 1)
         return rc;
-    return view_sample(
+    // The image changes only once the copy is done: a longer image goes to
+    // a new block, adopted on success and freed on every failure.
+    std::unique_ptr<void, decltype(&free)> fresh(nullptr, &free);
+    unsigned char* target = image.data;
+    size_t copy = 0;
+    const int have = image.count();
+    const int got = view_sample(
         modality, descriptor,
-        [&](int width, int height, BImage::ImageFormat format, size_t length) {
-            return fit_image(image, width, height, format, length);
+        [&](int, int, BImage::ImageFormat, size_t length) {
+            copy = length;
+            if (length == 0 || (image.data && have >= 0 && static_cast<size_t>(have) >= length))
+                return true;
+            void* block = nullptr;
+            if (posix_memalign(&block, 16, length) != 0)
+                return false;
+            fresh.reset(block);
+            target = static_cast<unsigned char*>(block);
+            return true;
         },
-        [&](int, int, BImage::ImageFormat, const unsigned char* pixels) {
-            if (image.count() > 0)
-                memcpy(image.data, pixels, static_cast<size_t>(image.count()));
+        [&](int width, int height, BImage::ImageFormat format, const unsigned char* pixels) {
+            if (copy)
+                memcpy(target, pixels, copy);
+            image.width = width;
+            image.height = height;
+            image.format = format;
         });
+    if (got == 1 && fresh) {
+        // A record frees its own block with free(); caller data is never freed.
+        if (image.buffer)
+            free(image.buffer);
+        image.buffer = fresh.release();
+        image.data = static_cast<unsigned char*>(image.buffer);
+    }
+    return got;
 }
 
 BImage::Image* Messager::bio_sample_recv_any(const std::vector<const char*>& modalities,
@@ -400,11 +455,16 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
         BMSG_REPORT("bio_sample_read", "bad data type in array: %d", descriptor->type);
         return nullptr;
     }
-    bool missing = false;
-    BImage::Image* image = load_sample(*this, "bio_sample_read", descriptor->str, descriptor->len, modality, &missing);
-    // A descriptor whose segment is gone would be read again and again.
-    if (missing)
+    Taken taken = Taken::done;
+    BImage::Image* image = load_sample(*this, "bio_sample_read", descriptor->str, descriptor->len, modality, &taken);
+    // A descriptor whose segment is gone, or whose image the segment no
+    // longer holds, would be read again and again. A rejected one is removed
+    // by its bytes, the oldest copy, so a descriptor another receiver took
+    // meanwhile never costs the next one its place.
+    if (taken == Taken::missing)
         command(context, "RPOP %s", key.c_str());
+    if (taken == Taken::other)
+        command(context, "LREM %s -1 %b", key.c_str(), descriptor->str, descriptor->len);
     return image;
 }
 

@@ -82,25 +82,40 @@ private:
     pthread_mutex_t* mutex_;
 };
 
+// Writes the first 48 bytes of a segment this process has just created: an
+// initialised, unlocked mutex (robust where robust futexes exist) and zeros,
+// in one write, so that the object's length reaching 48 tells attachers the
+// mutex is ready. glibc keeps no address in an unlocked mutex, so the bytes
+// may be made here and copied.
+bool write_mutex(int fd)
+{
+    alignas(pthread_mutex_t) unsigned char block[SharedMemory::header_size] = {};
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+    if (robust_futexes())
+        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(reinterpret_cast<pthread_mutex_t*>(block), &attr);
+    pthread_mutexattr_destroy(&attr);
+    return pwrite(fd, block, sizeof block, 0) == static_cast<ssize_t>(sizeof block);
+}
+
+uint64_t length_of(int fd)
+{
+    struct stat st;
+    return fstat(fd, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
 } // namespace
 
-SharedMemory::SharedMemory(const std::string& name_, size_t capacity, bool create_)
-    : name(name_), size(total_size(capacity)), fd(-1), addr(nullptr), mutex(nullptr), owner(create_)
+SharedMemory::SharedMemory(const std::string& name_, size_t capacity, bool create_, mode_t mode_)
+    : name(name_), size(total_size(capacity)), fd(-1), addr(nullptr), mutex(nullptr),
+      owner(create_), mode(mode_)
 {
-    if (owner) {
+    if (owner)
         create();
-        return;
-    }
-    fd = shm_open(name.c_str(), O_RDWR, 0666);
-    if (fd == -1)
-        return;
-    // A segment shorter than the mapping would fault (SIGBUS) on access past
-    // its end: such a segment counts as missing.
-    struct stat st;
-    if (fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= size)
-        map();
-    if (!addr)
-        release();
+    else
+        open_existing();
 }
 
 SharedMemory::~SharedMemory()
@@ -117,32 +132,132 @@ void SharedMemory::map()
     mutex = static_cast<pthread_mutex_t*>(p);
 }
 
+void SharedMemory::open_existing()
+{
+    fd = shm_open(name.c_str(), O_RDWR, 0666);
+    if (fd == -1)
+        return;
+    // A segment shorter than the mapping would fault (SIGBUS) on access past
+    // its end, and one shorter than 48 bytes has no mutex yet: such a
+    // segment counts as missing.
+    if (length_of(fd) >= size)
+        map();
+    if (!addr)
+        release();
+}
+
 void SharedMemory::create()
 {
-    release();
-    fd = shm_open(name.c_str(), O_CREAT | O_RDWR, 0666);
-    if (fd == -1) {
-        perror("shm_open");
-        throw std::runtime_error("Failed to create shared memory: " + name);
-    }
-    // A half-made segment is removed again, under the name we gave it.
-    auto fail = [this](const char* what) {
+    struct stat st;
+    const bool ours = owner && fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0;
+    if (ours) {
+        if (addr)
+            munmap(addr, size);
+        addr = nullptr;
+        mutex = nullptr;
+    } else {
         release();
-        shm_unlink(name.c_str());
+        owner = false;
+        fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, mode ? 0 : 0666);
+        owner = fd != -1;
+        if (fd == -1 && errno == EEXIST)
+            fd = shm_open(name.c_str(), O_RDWR, 0666);
+        if (fd == -1) {
+            perror("shm_open");
+            throw std::runtime_error("Failed to create shared memory: " + name);
+        }
+    }
+    attach();
+}
+
+void SharedMemory::attach()
+{
+    // A half-made segment of ours is removed again, under the name we gave it.
+    auto fail = [this](const std::string& what) {
+        release();
+        if (owner)
+            shm_unlink(name.c_str());
         throw std::runtime_error(what);
     };
-    if (ftruncate(fd, static_cast<off_t>(size)) == -1)
+    if (owner && length_of(fd) < header_size &&
+        ((mode && fchmod(fd, mode) != 0) || !write_mutex(fd)))
+        fail("Failed to create shared memory: " + name);
+    // Another creator is between its O_EXCL open and its mutex write.
+    for (int i = 0; !owner && length_of(fd) < header_size; ++i) {
+        if (i == 1000)
+            fail("Failed to create shared memory: " + name);
+        usleep(1000);
+    }
+    // Grow, never shrink, under the mutex: a peer that maps the segment
+    // while another grows it either sees the old length or the new one.
+    void* head = mmap(nullptr, header_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (head == MAP_FAILED)
+        fail("Failed to map shared memory");
+    bool sized = true;
+    try {
+        SegmentLock lock(static_cast<pthread_mutex_t*>(head));
+        if (length_of(fd) < size)
+            sized = ftruncate(fd, static_cast<off_t>(size)) == 0;
+    } catch (...) {
+        munmap(head, header_size);
+        release();
+        throw;
+    }
+    munmap(head, header_size);
+    if (!sized)
         fail("Failed to set size of shared memory");
     map();
     if (!addr)
         fail("Failed to map shared memory");
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    if (robust_futexes())
-        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    pthread_mutex_init(mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
+}
+
+bool SharedMemory::current() const
+{
+    struct stat st;
+    return fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0 &&
+           static_cast<uint64_t>(st.st_size) >= size;
+}
+
+bool SharedMemory::follow(size_t capacity)
+{
+    const uint64_t wanted = total_size(capacity);
+    struct stat st;
+    const bool known = fd != -1 && fstat(fd, &st) == 0;
+    if (known && st.st_nlink > 0 && static_cast<uint64_t>(st.st_size) >= size) {
+        if (wanted <= size)
+            return true;
+        if (static_cast<uint64_t>(st.st_size) < wanted)
+            return false;
+        // The same object, grown by a sender: map it further.
+        munmap(addr, size);
+        addr = nullptr;
+        mutex = nullptr;
+        size = wanted;
+        map();
+        if (!addr)
+            release();
+        return addr != nullptr;
+    }
+    // Unlinked: the name, if any, is another process's object now.
+    if (known && st.st_nlink == 0)
+        owner = false;
+    release();
+    size = wanted;
+    open_existing();
+    return addr != nullptr;
+}
+
+bool SharedMemory::replaced() const
+{
+    const int named = shm_open(name.c_str(), O_RDONLY, 0);
+    if (named == -1)
+        return false;
+    struct stat now, mine;
+    const bool other = fstat(named, &now) == 0 &&
+                       (fd == -1 || fstat(fd, &mine) != 0 || now.st_ino != mine.st_ino ||
+                        now.st_dev != mine.st_dev);
+    ::close(named);
+    return other;
 }
 
 void SharedMemory::write(const void* data, size_t len, size_t offset)
@@ -181,23 +296,13 @@ void SharedMemory::read(size_t len, size_t offset,
     use(static_cast<const unsigned char*>(addr) + header_size + offset);
 }
 
-void SharedMemory::restrict_mode(const std::string& name, mode_t mode)
-{
-    // Created with no permission bits, the object cannot be opened by anyone
-    // else before fchmod gives it the mode asked for.
-    const int d = shm_open(name.c_str(), O_CREAT | O_RDWR, 0);
-    const bool ok = d != -1 && fchmod(d, mode) == 0;
-    if (d != -1)
-        ::close(d);
-    if (!ok)
-        throw std::runtime_error("Failed to set mode of shared memory: " + name);
-}
-
 void SharedMemory::close()
 {
-    const bool was_open = fd != -1;
+    // An object that lost its name may see the name reused by a new creator.
+    struct stat st;
+    const bool named = owner && fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0;
     release();
-    if (owner && was_open)
+    if (named)
         shm_unlink(name.c_str());
 }
 

@@ -252,6 +252,8 @@ TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndNothi
         EXPECT_EQ(peer.wait(), 0) << peer.err();
         for (const std::string& m : all)
             EXPECT_FALSE(segment_exists(m)) << "the sender unlinks its segments as it returns";
+        const auto stale = bmsg_test::run_captured([&] { return receive(bus, 0, args[2], 64); });
+        EXPECT_TRUE(reported(stale) && stale.status == 0) << "a mapping whose name is gone is dropped";
         const auto c = with_bus(server, false, [&](bMSG::Messager& b) { return receive(b, 0, args[2], 64); });
         EXPECT_TRUE(reported(c) && c.status == 0);
     }
