@@ -3,8 +3,10 @@
 # private redis-server on a Unix socket only, under the device's ACL file
 # (data/device.acl) with passwords made for this run, every process logged in
 # as its role (the password in its environment, never on a command line),
-# and a small web service over HTTPS, with a CA made for the run. Every server
-# is started and stopped by pid.
+# and a small web service over HTTPS, with a CA made for the run. `bmsg
+# record --samples`, logged in as the recorder, records the whole exchange
+# into OUTPUT-DIR/exchange.bmsgrec, and `bmsg info` sums it up at the end.
+# Every server is started and stopped by pid.
 # Usage: examples/demo/run.sh BUILD-DIR [OUTPUT-DIR [CAPTURES]]
 # Exits 0 only when every capture was answered, stored as PNG and counted.
 set -euo pipefail
@@ -25,7 +27,7 @@ cleanup() {
 trap cleanup EXIT
 
 # A password per role for this run; the ACL copy holds only their hashes.
-for role in capture consumer control; do
+for role in capture consumer control recorder; do
   export "BMSG_PASSWORD_${role^^}=$(head -c 18 /dev/urandom | base64 | tr -d '/+=')"
 done
 "$here/../../data/provision-acl" "$here/../../data/device.acl" "$dir/device.acl"
@@ -43,6 +45,15 @@ web_port=$(cat "$dir/web.port")
 echo "redis-server on $dir/redis.sock only, web service on https://127.0.0.1:$web_port"
 echo "redis-server runs data/device.acl with this run's passwords: default user off, one user per role"
 
+rm -f "$out/exchange.bmsgrec"
+BMSG_PASSWORD=$BMSG_PASSWORD_RECORDER "$build/tools/bmsg" -s "$dir/redis.sock" --user recorder \
+  record --samples -o "$out/exchange.bmsgrec" &
+recorder=$!
+pids+=($recorder)
+for _ in $(seq 100); do [ -s "$out/exchange.bmsgrec" ] && break; sleep 0.05; done
+sleep 0.2
+echo "bmsg record --samples logged in as recorder, into $out/exchange.bmsgrec"
+
 start=$(date +%s%3N)
 BMSG_PASSWORD=$BMSG_PASSWORD_CAPTURE "$build/examples/demo/demo_capture" "$dir/redis.sock" "$start" &
 capture=$!
@@ -56,6 +67,9 @@ BMSG_PASSWORD=$BMSG_PASSWORD_CONTROL LUA_CPATH="$build/lua/?.so" \
 wait "$consumer" || status=1
 BMSG_PASSWORD=$BMSG_PASSWORD_CONTROL "$build/tools/bmsg" -s "$dir/redis.sock" --user control push cmd quit
 wait "$capture" || status=1
+kill -INT "$recorder"
+wait "$recorder" || status=1
+"$build/tools/bmsg" info "$out/exchange.bmsgrec" || status=1
 
 records=$(python3 -c "import ssl, urllib.request as u; print(u.urlopen('https://127.0.0.1:$web_port/count',
   context=ssl.create_default_context(cafile='$dir/ca.pem')).read().decode().strip())")
