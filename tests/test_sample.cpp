@@ -118,8 +118,7 @@ TEST(ImageHeader, FixedLayoutAndOnlyWholeHeadersParse)
                            1, 0, 0, 0, 0, 16, 14, 0, 0, 0, 0, 0, 219, 247, 222, 50};
     EXPECT_EQ(str(Image(640, 480, BImage::RGB24, nullptr).format_header(), 32), str(h, 32));
     unsigned int w = 1, ht = 2;
-    unsigned long size = 3;
-    BImage::ImageFormat f = BImage::NV12;
+    unsigned long size = 3;  auto f = BImage::NV12;
     EXPECT_EQ(Image::parse_image_header(nullptr, w, ht, size, f), 0);
     for (int i = 0; i < 32; h[i++] ^= 0x10) {
         h[i] ^= 0x10;
@@ -255,8 +254,7 @@ TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndNothi
             whole = whole && (row.receive != into || (mine.data != little && mine.buffer == mine.data));
             ImagePtr got(row.receive == any    ? bus.bio_sample_recv_any(keys, 10, out, sizeof out)
                          : row.receive == pop ? bus.bio_sample_recv({want.c_str()}, 10, out, sizeof out) : nullptr);
-            if (got)
-                check(got->width, got->height, got->format, got->data);
+            got ? check(got->width, got->height, got->format, got->data) : void();
             return whole && out == want;
         };
         for (size_t i = 2; i < args.size() - 1; ++i) {
@@ -335,8 +333,7 @@ TEST(Subscription, DeliversSeveralChannelsNothingAfterStopAndEndsWithItsServer)
     ASSERT_TRUE(sub.status() == 0 && sub.running());
     EXPECT_EQ(bus.publish("one", "%s", "a") + bus.publish("two", "%s", "b"), 3);
     ASSERT_TRUE(bmsg_test::wait_until([&] { std::lock_guard<std::mutex> hold(lock); return got.size() == 3; }));
-    sub.stop();
-    sub.stop();
+    sub.stop(), sub.stop();
     EXPECT_FALSE(sub.running());
     EXPECT_EQ(bus.publish("one", "%s", "late"), 0);
     server.stop();
