@@ -13,11 +13,8 @@
 
 namespace bmsg_fuzz {
 
-inline bmsg_test::FakeRedis& peer()
-{
-    static bmsg_test::FakeRedis instance;  // serves every input of the run
-    return instance;
-}
+// Serves every input of the run.
+inline bmsg_test::FakeRedis& peer() { static bmsg_test::FakeRedis instance; return instance; }
 
 // Takes parameters off the front of an input; rest() is what is left.
 struct Input {
@@ -30,8 +27,7 @@ struct Input {
 // A Messager on the peer, which has `replies` ready for its commands.
 inline std::unique_ptr<bMSG::Messager> messager(const std::string& replies)
 {
-    peer().reply(replies);
-    return std::make_unique<bMSG::Messager>(peer().socket().c_str(), 0, 1);
+    return peer().reply(replies), std::make_unique<bMSG::Messager>(peer().socket().c_str(), 0, 1);
 }
 
 // hiredis 0.14 allocates a declared array length up front: a huge one only
@@ -53,8 +49,7 @@ inline void seal(std::string& bytes)
         uint32_t h = 2166136261u;
         for (size_t i = at; i < at + 28; ++i)
             h = (h ^ static_cast<unsigned char>(bytes[i])) * 16777619u;
-        for (size_t i = 0; i < 4; ++i)
-            bytes[at + 28 + i] = static_cast<char>(h >> (8 * i));
+        bytes.replace(at + 28, 4, reinterpret_cast<const char*>(&h), 4);  // little-endian, as the devices
     }
 }
 
@@ -67,14 +62,9 @@ struct Guarded {
     std::string bytes;
 };
 
-[[noreturn]] inline void fail(const char* what, const char* file, int line)
-{
-    fprintf(stderr, "%s:%d: contract broken: %s\n", file, line, what);
-    abort();
-}
-
 } // namespace bmsg_fuzz
 
-#define BMSG_FUZZ_CHECK(cond) ((cond) ? (void)0 : ::bmsg_fuzz::fail(#cond, __FILE__, __LINE__))
+#define BMSG_FUZZ_CHECK(cond) \
+    ((cond) ? (void)0 : (fprintf(stderr, "%s:%d: contract broken: %s\n", __FILE__, __LINE__, #cond), abort()))
 
 #endif

@@ -21,11 +21,8 @@ void check(const unsigned char* h)
     auto format = static_cast<BImage::ImageFormat>(77);
     const bool accepted = Image::parse_image_header(h, width, height, size, format) == 1;
     BMSG_FUZZ_CHECK(accepted || (width == 7 && height == 7 && size == 7 && format == 77));
-    if (!accepted) {
-        memcpy(&width, h + 8, 4);
-        memcpy(&height, h + 12, 4);
-        memcpy(&format, h + 16, 4);
-    }
+    if (!accepted)  // the raw fields
+        memcpy(&width, h + 8, 4), memcpy(&height, h + 12, 4), memcpy(&format, h + 16, 4);
     const Image made(static_cast<int>(width), static_cast<int>(height), format, &borrowed);
     BMSG_FUZZ_CHECK(!accepted || memcmp(made.format_header(), h, 32) == 0);
     unsigned int w = 0, ht = 0;

@@ -12,10 +12,7 @@
 
 namespace {
 
-unsigned char pattern(char modality, size_t offset)
-{
-    return static_cast<unsigned char>(offset * 131u + (offset >> 8) + modality * 17u);
-}
+unsigned char pattern(char modality, size_t offset) { return offset * 131u + (offset >> 8) + modality * 17u; }
 
 // The process's segments; their owner unlinks them at exit.
 struct Segments {
@@ -26,30 +23,22 @@ struct Segments {
         for (char m : {'A', 'B'}) {
             const size_t size = (m == 'A' ? 4096 : 48) + BImage::Image::header_size;
             owned.emplace_back(new bMSG::SharedMemory("/BIOMETRIC_SAMPLE_" + tag + m, size, true));
-            std::string bytes(size, '\0');
-            for (size_t i = 0; i < size; ++i)
-                bytes[i] = static_cast<char>(pattern(m, i));
-            owned.back()->write(bytes.data(), size, 0);
+            owned.back()->write(size, 0, [&](unsigned char* p) { for (size_t i = 0; i < size; ++i) p[i] = pattern(m, i); });
         }
     }
 };
 
-Segments& segments()
-{
-    static Segments own;
-    return own;
-}
+Segments& segments() { static Segments own; return own; }
 
 bool from_a_segment(const BImage::Image& image)
 {
-    for (char m : {'A', 'B'}) {
+    const auto from = [&](char m) {
         int i = 0;
         while (i < image.count() && image.data[i] == pattern(m, BImage::Image::header_size + i))
             ++i;
-        if (i == image.count())
-            return true;
-    }
-    return false;
+        return i == image.count();
+    };
+    return from('A') || from('B');
 }
 
 } // namespace
@@ -77,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     char* out_arg = op & 4 ? nullptr : out.get();
     const auto m = bmsg_fuzz::messager(replies);
     const int form = op & 3;
-    std::unique_ptr<BImage::Image> image(form == 0   ? m->bio_sample_recv(modalities[0], 1)
+    const std::unique_ptr<BImage::Image> image(form == 0   ? m->bio_sample_recv(modalities[0], 1)
                                          : form == 1 ? m->bio_sample_recv(modalities, 1, out_arg, len)
                                          : form == 2 ? m->bio_sample_read(modalities[0])
                                                      : m->bio_sample_read(modalities, out_arg, len));

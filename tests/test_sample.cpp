@@ -1,5 +1,5 @@
-// Biometric samples (image header, sample operations, across processes),
-// Subscription and the opt-in reconnect.
+// Biometric samples: the image header, the sample operations, other processes
+// sending (restarted, second and late peers), Subscription and the opt-in reconnect.
 #include "bimage.h"
 #include "bmessager.h"
 #include "bshmem.h"
@@ -15,9 +15,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 using BImage::Image;
 using bmsg_test::RedisServer;
@@ -34,6 +36,8 @@ long queued(const RedisServer& s, const std::string& m) { return std::stol(redis
 void nothing(int, int, BImage::ImageFormat, const unsigned char*) {}
 unsigned char pattern(uint32_t seed, size_t i) { return (seed * 2654435761u + i * 40503u) >> 13; }
 void paint(unsigned char* p, size_t n, uint32_t seed) { for (size_t i = 0; i < n; ++i) p[i] = pattern(seed, i); }
+// A GRAY8 image: the seed in bytes 0-3, its pattern after them.
+Image& stamp(Image& image, uint32_t seed) { return paint(image.data, image.count(), seed), memcpy(image.data, &seed, 4), image; }
 
 bool holds(const unsigned char* p, size_t n, uint32_t seed, size_t from = 0)
 {
@@ -42,7 +46,7 @@ bool holds(const unsigned char* p, size_t n, uint32_t seed, size_t from = 0)
     return n > 0 && from == n;
 }
 
-// Images the roles make, by the modality's first letter.
+// Images the sender role makes, by the modality's first letter.
 struct Shape {
     int w, h;
     BImage::ImageFormat f;
@@ -62,18 +66,30 @@ bmsg_test::Captured with_bus(const RedisServer& s, bool tcp, const std::function
     });
 }
 
-// Pops one sample of m with receiver `how` (0 the several-modality
-// bio_sample_recv, 1 recv_any, 2 the one-modality recv, 3 view): whether an
-// image came, or the view's code.
-int receive(bMSG::Messager& bus, int how, const std::string& m, int len)
+// The vector recv, recv_any, view, recv_into, read, the one-modality recv.
+enum How { pop, any, view, into, peek, single };
+
+// Takes one sample of m: 1 a whole GRAY8 image stamped with `seed` (any seed
+// when 0), 2 one with other pixels, 0 null, or the view's / recv_into's code.
+int take(bMSG::Messager& bus, How how, const std::string& m, uint32_t seed = 0, int len = 64)
 {
     char out[64];
     const std::vector<const char*> ms{m.c_str()};
-    if (how == 3)
-        return bus.bio_sample_view(ms, 1, nothing, out, len);
-    ImagePtr image(how == 0   ? bus.bio_sample_recv(ms, 1, out, len)
-                   : how == 1 ? bus.bio_sample_recv_any(ms, 1, out, len) : bus.bio_sample_recv(m.c_str(), 1));
-    return image != nullptr;
+    int rc = 0;
+    const auto check = [&](int w, int h, BImage::ImageFormat, const unsigned char* p) {
+        uint32_t s = seed;
+        rc = (s || memcpy(&s, p, 4)) && !memcmp(p, &s, 4) && holds(p, static_cast<size_t>(w) * h, s, 4) ? 1 : 2;
+    };
+    Image mine(1, 1, BImage::GRAY8, nullptr);
+    if (how == view || how == into) {
+        const int got = how == view ? bus.bio_sample_view(ms, 1, check, out, len) : bus.bio_sample_recv_into(ms, 1, mine, out, len);
+        return got != 1 ? got : how == view ? rc : (check(mine.width, mine.height, mine.format, mine.data), rc);
+    }
+    ImagePtr got(how == pop ? bus.bio_sample_recv(ms, 1, out, len) : how == any ? bus.bio_sample_recv_any(ms, 1, out, len)
+                 : how == peek ? bus.bio_sample_read(m.c_str()) : bus.bio_sample_recv(m.c_str(), 1));
+    if (how == peek && got)
+        bus.list_clear(key(m).c_str());
+    return got ? (check(got->width, got->height, got->format, got->data), rc) : 0;
 }
 
 } // namespace
@@ -102,8 +118,7 @@ TEST(ImageHeader, FixedLayoutAndOnlyWholeHeadersParse)
                            1, 0, 0, 0, 0, 16, 14, 0, 0, 0, 0, 0, 219, 247, 222, 50};
     EXPECT_EQ(str(Image(640, 480, BImage::RGB24, nullptr).format_header(), 32), str(h, 32));
     unsigned int w = 1, ht = 2;
-    unsigned long size = 3;
-    BImage::ImageFormat f = BImage::NV12;
+    unsigned long size = 3;  auto f = BImage::NV12;
     EXPECT_EQ(Image::parse_image_header(nullptr, w, ht, size, f), 0);
     for (int i = 0; i < 32; h[i++] ^= 0x10) {
         h[i] ^= 0x10;
@@ -148,7 +163,7 @@ TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
         const int fd = shm_open(("/" + key(m)).c_str(), O_RDWR, 0);
         ASSERT_TRUE(bus->bio_sample_send(m.c_str(), &image) == 0 && fd >= 0 && ftruncate(fd, 0) == 0);
         close(fd);
-        const auto c = bmsg_test::run_captured([&] { return receive(fresh, how, m, 64); });
+        const auto c = bmsg_test::run_captured([&] { return take(fresh, how ? view : pop, m); });
         EXPECT_EQ((std::pair<bool, int>(reported(c), c.status)), (std::pair<bool, int>(!how, how ? -9 : 0)));
     }
 }
@@ -159,7 +174,7 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
     const std::string g = unique("GARBAGE"), o = unique("ORPHAN"), s = unique("SMALL");
     bMSG::Messager sender(server.socket().c_str(), 0, 1);
     Image small(8, 8, BImage::GRAY8, nullptr), big(64, 64, BImage::GRAY8, nullptr);
-    ASSERT_EQ(sender.bio_sample_send(s.c_str(), &small), 0);
+    ASSERT_EQ(sender.bio_sample_send(s.c_str(), &stamp(small, 8)), 0);
     redis_raw(server, "DEL %s", key(s).c_str());
     const std::string h8 = str(small.format_header(), 32), h64 = str(big.format_header(), 32);
     const int cut = static_cast<int>(s.size());
@@ -169,12 +184,12 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
         {g, std::string(32, 'Z'), 64, -6}, {g, h8 + "x", 64, -6}, {g, "", 64, -6}, {o, h64, 64, -9},
         {s, h64, 64, -9}, {s, h8, cut, -5}, {s, h8, 64, 1}, {g, "(nothing)", 64, 0}};
     for (const auto& row : rows)
-        for (int how = 0; how < 4; ++how) {
+        for (How how : {pop, any, view, single}) {  // odd ones over TCP
             if (row.view != 0)
                 redis_raw(server, "LPUSH %s %b", key(row.m).c_str(), row.pushed.data(), row.pushed.size());
-            const auto c = with_bus(server, how & 1, [&](bMSG::Messager& bus) { return receive(bus, how, row.m, row.len); });
-            EXPECT_EQ(reported(c), how == 2 ? row.view != 0 : how < 2 && row.view < 0) << (&row - rows) << how;
-            EXPECT_EQ(c.status, how == 3 ? row.view : row.view == 1 && how != 2) << (&row - rows) << how;
+            const auto c = with_bus(server, how & 1, [&](bMSG::Messager& bus) { return take(bus, how, row.m, 0, row.len); });
+            EXPECT_EQ(reported(c), how == single ? row.view != 0 : how != view && row.view < 0) << (&row - rows) << how;
+            EXPECT_EQ(c.status, how == view ? row.view : row.view == 1 && how != single) << (&row - rows) << how;
             EXPECT_EQ(queued(server, row.m), 0);
         }
     char out[8] = "none";  // no modality: nothing to wait on
@@ -212,9 +227,8 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
 
 TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndNothingAfterIt)
 {
-    enum How { recv, any, view, into };
     const struct { const char* how; How receive; const char* order; } rows[] = {
-        {"send", recv, "ab"}, {"send", any, "cab"}, {"send", view, "bca"}, {"loan", into, "abc"}, {"loan", any, "bc"}};
+        {"send", pop, "ab"}, {"send", any, "cab"}, {"send", view, "bca"}, {"loan", into, "abc"}, {"loan", any, "bc"}};
     RedisServer server;
     const std::vector<std::string> all{unique("a"), unique("b"), unique("c")};
     const std::vector<const char*> keys{all[0].c_str(), all[1].c_str(), all[2].c_str()};
@@ -227,7 +241,7 @@ TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndNothi
         bMSG::Messager bus(server.socket().c_str(), 0, 1);
         unsigned char little[16];
         Image mine(4, 4, BImage::GRAY8, little);  // grown, never freed
-        const auto take = [&](const std::string& want) {
+        const auto whole_image = [&](const std::string& want) {
             const Shape& s = shape_of(want);
             char out[32] = "";
             bool whole = false;
@@ -239,20 +253,19 @@ TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndNothi
                 check(mine.width, mine.height, mine.format, mine.data);
             whole = whole && (row.receive != into || (mine.data != little && mine.buffer == mine.data));
             ImagePtr got(row.receive == any    ? bus.bio_sample_recv_any(keys, 10, out, sizeof out)
-                         : row.receive == recv ? bus.bio_sample_recv({want.c_str()}, 10, out, sizeof out) : nullptr);
-            if (got)
-                check(got->width, got->height, got->format, got->data);
+                         : row.receive == pop ? bus.bio_sample_recv({want.c_str()}, 10, out, sizeof out) : nullptr);
+            got ? check(got->width, got->height, got->format, got->data) : void();
             return whole && out == want;
         };
         for (size_t i = 2; i < args.size() - 1; ++i) {
             redis_raw(server, "LPUSH GO go");
-            EXPECT_TRUE(take(args[i])) << (&row - rows) << " " << args[i];
+            EXPECT_TRUE(whole_image(args[i])) << (&row - rows) << " " << args[i];
         }
         redis_raw(server, "LPUSH GO go go");
         EXPECT_EQ(peer.wait(), 0) << peer.err();
         for (const std::string& m : all)
             EXPECT_FALSE(segment_exists(m)) << "the sender unlinks its segments as it returns";
-        const auto stale = bmsg_test::run_captured([&] { return receive(bus, 0, args[2], 64); });
+        const auto stale = bmsg_test::run_captured([&] { return take(bus, pop, args[2]); });
         EXPECT_TRUE(reported(stale) && stale.status == 0) << "a mapping whose name is gone is dropped";
     }
 }
@@ -320,12 +333,127 @@ TEST(Subscription, DeliversSeveralChannelsNothingAfterStopAndEndsWithItsServer)
     ASSERT_TRUE(sub.status() == 0 && sub.running());
     EXPECT_EQ(bus.publish("one", "%s", "a") + bus.publish("two", "%s", "b"), 3);
     ASSERT_TRUE(bmsg_test::wait_until([&] { std::lock_guard<std::mutex> hold(lock); return got.size() == 3; }));
-    sub.stop();
-    sub.stop();
+    sub.stop(), sub.stop();
     EXPECT_FALSE(sub.running());
     EXPECT_EQ(bus.publish("one", "%s", "late"), 0);
     server.stop();
     EXPECT_TRUE(bmsg_test::wait_until([&] { return !orphan.running(); }));
     std::sort(got.begin(), got.end());
     EXPECT_EQ(got, (std::vector<std::string>{"one:a", "two:b", "two:b"}));
+}
+
+// socket, modality, side, seed, seconds: with 0 seconds sends one side x side
+// image, says "sent" and returns on a "QUIT" on list QUIT<modality>; else sends
+// numbered images (never more than 8 queued) for that long.
+BMSG_ROLE(send)
+{
+    bMSG::Messager bus(args.at(0).c_str(), 0, 1);
+    const int side = std::stoi(args.at(2)), seconds = std::stoi(args.at(4));
+    Image image(side, side, BImage::GRAY8, nullptr);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (uint32_t i = std::stoul(args.at(3)); seconds == 0 || std::chrono::steady_clock::now() < end; ++i) {
+        while (bus.list_size(key(args[1]).c_str()) > 8)
+            usleep(500);
+        if (bus.bio_sample_send(args[1].c_str(), &stamp(image, i)) != 0)
+            return 1;
+        char quit[8];
+        if (seconds == 0 && printf("sent\n") > 0 && fflush(stdout) == 0)
+            return bus.list_recv(("QUIT" + args[1]).c_str(), quit, sizeof quit, 30, nullptr, 0) != 4;
+    }
+    return 0;
+}
+
+bmsg_test::Child started(const bmsg_test::RedisServer& s, const std::string& m, const char* side, uint32_t seed, const char* seconds = "0")
+{
+    bmsg_test::Child c = bmsg_test::spawn_role("send", {s.socket(), m, side, std::to_string(seed), seconds});
+    EXPECT_TRUE(*seconds != '0' || bmsg_test::wait_until([&] { return c.out() == "sent\n"; })) << c.err();
+    return c;
+}
+
+TEST(SampleLifecycle, ALongLivedReceiverGetsWholeImagesOfRestartedAndOfTwoConcurrentSendersWithEveryReceiver)
+{
+    bmsg_test::RedisServer server;
+    const std::string m = unique("RESTART");
+    bMSG::Messager bus(server.socket().c_str(), 0, 1);
+    uint32_t seed = 1;
+    for (How how : {pop, any, view, into, peek})
+        for (int restart = 0; restart < 2; ++restart, ++seed) {
+            bmsg_test::Child sender = started(server, m, "16", seed);  // the shape of the last one
+            EXPECT_EQ(take(bus, how, m, seed), 1) << how << " after restart " << restart;
+            redis_raw(server, "LPUSH QUIT%s QUIT", m.c_str());
+            EXPECT_EQ(sender.wait(), 0) << sender.err();
+        }
+    bmsg_test::Child a = started(server, m, "16", 1600000, "2"), b = started(server, m, "24", 2400000, "2");
+    int whole = 0;
+    for (int i = 0; !a.ended() || !b.ended() || i % 5; ++i) {
+        const int rc = take(bus, static_cast<How>(i % 5), m, 0);
+        EXPECT_TRUE(rc == 1 || rc <= 0) << "a mixed image, receiver " << i % 5;
+        whole += rc == 1;
+    }
+    EXPECT_TRUE(a.wait() == 0 && b.wait() == 0 && whole > 0) << a.err() << b.err();
+}
+
+TEST(SampleLifecycle, SecondSendersTakeAPeersPlainMutexAsItIsNeverShrinkAndGrowUnderTheLock)
+{
+    bmsg_test::RedisServer server;
+    bMSG::Messager bus(server.socket().c_str(), 0, 1);
+    const std::string m = unique("PLAIN"), name = "/" + key(m);
+    const int fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);  // a peer's creator
+    auto* mutex = static_cast<pthread_mutex_t*>(ftruncate(fd, 148) ? MAP_FAILED : mmap(nullptr, 148, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    pthread_mutexattr_t plain;
+    ASSERT_TRUE(mutex != MAP_FAILED && pthread_mutexattr_init(&plain) == 0 &&
+                pthread_mutexattr_setpshared(&plain, PTHREAD_PROCESS_SHARED) == 0 && pthread_mutex_init(mutex, &plain) == 0);
+    ASSERT_EQ(pthread_mutex_lock(mutex), 0);
+    bmsg_test::Child second = bmsg_test::spawn_role("send", {server.socket(), m, "8", "5", "0"});
+    usleep(300000);
+    EXPECT_EQ(second.out(), "") << "the attach waits for the lock";
+    pthread_mutex_unlock(mutex);
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return second.out() == "sent\n"; })) << second.err();
+    struct stat st;
+    EXPECT_TRUE(take(bus, view, m, 5) == 1 && fstat(fd, &st) == 0 && st.st_size == 148) << "never shrunk";
+    bmsg_test::Child third = started(server, m, "40", 6);
+    EXPECT_TRUE(fstat(fd, &st) == 0 && st.st_size == 1680 && take(bus, pop, m, 6) == 1) << "grown, and followed by a receiver";
+    redis_raw(server, "LPUSH QUIT%s QUIT QUIT", m.c_str());
+    EXPECT_TRUE(second.wait() == 0 && third.wait() == 0 && bMSG::SharedMemory(name, 0, false).addr) << "only the creator unlinks";
+    shm_unlink(name.c_str());
+    close(fd);
+}
+
+TEST(SampleLifecycle, ALateReceiverGetsNothingInsteadOfAMixRecvIntoLeavesTheImageOnFailureBackpressureWaits)
+{
+    bmsg_test::RedisServer server;
+    const std::string m = unique("LATE"), none = unique("NONE");
+    bMSG::Messager sender(server.socket().c_str(), 0, 1), bus(server.socket().c_str(), 0, 1);
+    Image big(64, 64, BImage::GRAY8, nullptr), small(10, 10, BImage::GRAY8, nullptr);
+    for (How how : {pop, any, view, into, peek}) {
+        ASSERT_TRUE(sender.bio_sample_send(m.c_str(), &stamp(big, 64)) == 0 && sender.bio_sample_send(m.c_str(), &stamp(small, 10)) == 0);
+        const auto c = bmsg_test::run_captured([&] { return take(bus, how, m, 64); });
+        EXPECT_TRUE(c.status == (how == view || how == into ? -11 : 0) && c.out.find(how == view || how == into ? "" : "shared memory holds another image") == 0) << how;
+        EXPECT_EQ(take(bus, how, m, 10), 1) << how;
+    }
+    const std::string junk(32, 'J'), h64(reinterpret_cast<const char*>(big.format_header()), 32);
+    const struct { std::string m, pushed; int len, rc; } rows[] = {  // the image is longer for -9, -11, -5
+        {m, "", 64, 0}, {m, junk, 64, -6}, {none, h64, 64, -9}, {m, h64, 64, -11}, {m, h64, 2, -5}};
+    for (const auto& row : rows) {
+        ASSERT_TRUE(sender.bio_sample_send(m.c_str(), &small) == 0 && bus.list_clear(key(m).c_str()) == 1);
+        if (!row.pushed.empty())
+            redis_raw(server, "LPUSH %s %b", key(row.m).c_str(), row.pushed.data(), row.pushed.size());
+        unsigned char mine[16];
+        Image image(4, 4, BImage::GRAY8, static_cast<unsigned char*>(memset(mine, 'x', sizeof mine)));
+        char out[64];
+        EXPECT_EQ(bus.bio_sample_recv_into({row.m.c_str()}, 1, image, out, row.len), row.rc);
+        EXPECT_TRUE(image.data == mine && !image.buffer && image.width == 4 && image.height == 4 &&
+                    image.format == BImage::GRAY8 && std::string(16, 'x') == std::string(mine, mine + 16)) << row.rc;
+    }
+    ASSERT_EQ(sender.bio_sample_send(m.c_str(), &stamp(small, 2)), 0);
+    sender.set_sample_backpressure(50);
+    EXPECT_EQ(sender.bio_sample_send(m.c_str(), &stamp(big, 1)), -12);
+    EXPECT_EQ(sender.bio_sample_loan(m.c_str(), 16, 16, BImage::GRAY8, [](unsigned char*, size_t) { ADD_FAILURE() << "filled"; }), -12);
+    EXPECT_EQ(take(bus, view, m, 2), 1) << "nothing was written";
+    sender.set_sample_backpressure(10000);
+    ASSERT_EQ(sender.bio_sample_send(m.c_str(), &big), 0);
+    std::thread drain([&] { usleep(200000); EXPECT_EQ(redis_raw(server, "DEL %s", key(m).c_str()), "1"); });
+    EXPECT_EQ(sender.bio_sample_send(m.c_str(), &small), 0) << "sent once the list was drained";
+    drain.join();
+    EXPECT_EQ(take(bus, pop, m, 2), 1);
 }

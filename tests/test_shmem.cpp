@@ -12,22 +12,8 @@ namespace {
 
 std::string unique_name(const char* tag) { return "/" + bmsg_test::unique("bmsg_test_" + std::string(tag)); }
 bool exists(const std::string& name) { return SharedMemory(name, 0, false).addr != nullptr; }
-bool throws(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::runtime_error&) {
-        return true;
-    }
-    return false;
-}
-
-std::string text(SharedMemory& seg, size_t len)
-{
-    std::string s(len, '\0');
-    seg.read(&s[0], len, 0);
-    return s;
-}
+bool throws(const std::function<void()>& f) { try { f(); } catch (const std::runtime_error&) { return true; } return false; }
+std::string text(SharedMemory& seg, size_t len) { std::string s(len, '\0'); return seg.read(&s[0], len, 0), s; }
 
 } // namespace
 
@@ -36,10 +22,8 @@ std::string text(SharedMemory& seg, size_t len)
 BMSG_ROLE(hold_lock)
 {
     SharedMemory peer(args.at(0), 8, false);
-    if (!peer.addr || peer.owner || pthread_mutex_lock(peer.mutex) != 0)
+    if (!peer.addr || peer.owner || pthread_mutex_lock(peer.mutex) != 0 || printf("locked\n") < 0 || fflush(stdout))
         return 1;
-    printf("locked\n");
-    fflush(stdout);
     usleep(std::stoi(args.at(1)) * 1000);
     static_cast<char*>(peer.addr)[SharedMemory::header_size] = 'B';
     pthread_mutex_unlock(peer.mutex);
@@ -67,8 +51,7 @@ TEST(SharedMemory, OnlyTheCreatorUnlinksCopiesWaitForAnotherProcessAndADeadOwner
     ASSERT_TRUE(bmsg_test::wait_until([&] { return dying.out() == "locked\n"; }));
     dying.kill(SIGKILL);
     EXPECT_EQ(dying.wait(), 128 + SIGKILL);
-    seg.write("ok", 2, 0);  // the dead owner's lock taken over
-    EXPECT_EQ(text(seg, 2), "ok");
+    EXPECT_EQ((seg.write("ok", 2, 0), text(seg, 2)), "ok") << "the dead owner's lock taken over";
 }
 
 TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrow)
@@ -101,18 +84,14 @@ TEST(SharedMemory, OpenFailsQuietlyFailedCreationsThrowAndLeaveNothingCloseTwice
         first.write("abc", 3, 0);
         SharedMemory second(name, 1000, true);  // attaches: the same object, grown, mutex kept
         char tail = 1;
-        second.read(&tail, 1, 999);
-        EXPECT_TRUE(text(second, 3) == "abc" && tail == 0 && !second.owner) << "the same object, grown";
-        second.close();
-        second.close();
+        EXPECT_TRUE((second.read(&tail, 1, 999), text(second, 3)) == "abc" && tail == 0 && !second.owner) << "the same object, grown";
+        second.close(), second.close();
         EXPECT_TRUE(!second.addr && second.fd == -1 && !second.mutex && exists(name)) << "only its creator unlinks";
     }
-    first.close();
-    first.close();
+    first.close(), first.close();
     EXPECT_TRUE(!first.addr && first.fd == -1 && !first.mutex && !exists(name));
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(throws([] { SharedMemory bad("/no/such/dir", 8, true); }));
+    EXPECT_TRUE(throws([] { SharedMemory bad("/no/such/dir", 8, true); }) && throws([&] { SharedMemory h(huge, SIZE_MAX, true); }));
     testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(throws([&] { SharedMemory h(huge, SIZE_MAX, true); }));
     EXPECT_FALSE(exists(huge)) << "the failed creation removed the name";
 }
