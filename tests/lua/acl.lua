@@ -11,4 +11,6 @@ local got
 local h = control:subscribe("SYSTEM_STATUS", function(_, payload) got = payload end)
 t.wait_until("a status over the socket", function() control:system_publish("up") control.check(h) return got == "up" end)
 t.same("no connection", { n = 2, nil, "redis connection is NULL" }, bmsg.messager.new(t.socket, 0, 3, "control", pw .. "x"):get("mode"))
-os.exit(0)
+control:system_publish("exit")  -- ends the subscription, so unsubscribe returns at once
+t.wait_until("the exit", function() control.check(h) return got == "exit" end)
+t.same("unsubscribed", { true }, control.unsubscribe(h))
