@@ -55,7 +55,8 @@ TEST(Tool, CommandsInOrder)
     // Every sample list, and only those.
     const Ran watch = tool({"watch", "-n", "1"}, server.socket());
     EXPECT_NE(watch.out.find("MAIN_BIOMETRIC_INFO"), std::string::npos) << watch.out;
-    EXPECT_EQ(std::distance(std::sregex_iterator(watch.out.begin(), watch.out.end(), std::regex("SAMPLE")), {}), 300) << watch.out;
+    const std::regex sample("SAMPLE");
+    EXPECT_EQ(std::distance(std::sregex_iterator(watch.out.begin(), watch.out.end(), sample), {}), 300) << watch.out;
 
     // -t 0 waits for ever.
     bmsg_test::Child pop = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "pop", "cmd", "-t", "0"});
