@@ -62,18 +62,15 @@ def tls_listeners(d):
     def openssl(*args):
         subprocess.run(("openssl",) + args, cwd=d, check=True, capture_output=True)
     key = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj")
-    open(d + "/ca.cnf", "w").write("[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\n"
-        "rand_serial=yes\ndefault_md=sha256\npolicy=p\ncopy_extensions=copy\nunique_subject=no\n"
-        "[p]\ncommonName=supplied\n")
+    open(d + "/ca.cnf", "w").write("[ca]\ndefault_ca=d\n[d]\ndatabase=index\nnew_certs_dir=.\nrand_serial=yes\n"
+        "default_md=sha256\npolicy=p\ncopy_extensions=copy\nunique_subject=no\n[p]\ncommonName=supplied\n")
     open(d + "/index", "w").close()
     for ca in ("ca", "other", "clientca"):
         openssl("req", "-x509", *key, "/CN=" + ca, "-keyout", ca + ".key", "-out", ca + ".pem", "-days", "2")
-    for name, ca, host, dates in (("good", "ca", "IP:127.0.0.1,DNS:localhost", ("-days", "2")),
-                                  ("unknown", "other", "IP:127.0.0.1", ("-days", "2")),
-                                  ("wronghost", "ca", "DNS:other.invalid", ("-days", "2")),
-                                  ("expired", "ca", "IP:127.0.0.1", ("-startdate", "20200101000000Z",
-                                                                       "-enddate", "20200102000000Z")),
-                                  ("device", "clientca", "DNS:device", ("-days", "2"))):
+    for name, ca, host in (("good", "ca", "IP:127.0.0.1,DNS:localhost"), ("unknown", "other", "IP:127.0.0.1"),
+                           ("wronghost", "ca", "DNS:other.invalid"), ("expired", "ca", "IP:127.0.0.1"),
+                           ("device", "clientca", "DNS:device")):
+        dates = ("-startdate", "20200101000000Z", "-enddate", "20200102000000Z") if name == "expired" else ("-days", "2")
         openssl("req", "-new", *key, "/CN=" + name, "-keyout", name + ".key", "-out", name + ".csr",
                 "-addext", "subjectAltName=" + host)
         openssl("ca", "-batch", "-config", "ca.cnf", "-cert", ca + ".pem", "-keyfile", ca + ".key",
@@ -81,10 +78,9 @@ def tls_listeners(d):
     der = subprocess.run(("openssl", "pkey", "-in", d + "/good.key", "-pubout", "-outform", "DER"),
                          check=True, capture_output=True).stdout
     open(d + "/pin", "w").write("sha256//" + base64.b64encode(hashlib.sha256(der).digest()).decode())
-    contexts = []
-    for name in ("good", "unknown", "wronghost", "expired", "good"):
-        contexts.append(ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER))
-        contexts[-1].load_cert_chain(d + "/%s.pem" % name, d + "/%s.key" % name)
+    contexts = [ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) for _ in range(5)]
+    for c, name in zip(contexts, ("good", "unknown", "wronghost", "expired", "good")):
+        c.load_cert_chain(d + "/%s.pem" % name, d + "/%s.key" % name)
     contexts[-1].verify_mode = ssl.CERT_REQUIRED
     contexts[-1].load_verify_locations(d + "/clientca.pem")
     return contexts

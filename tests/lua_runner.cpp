@@ -26,8 +26,7 @@ int main(int argc, char** argv)
     bmsg_test::Child run = bmsg_test::spawn_program(argv[1], {argv + 3, argv + argc});
     for (int waited = 0; !run.ended() && waited < 2000; ++waited)
         usleep(50000);
-    fputs(run.out().c_str(), stdout);
-    fputs(run.err().c_str(), stderr);
+    fputs(run.out().c_str(), stdout), fputs(run.err().c_str(), stderr);
     const int rc = run.ended() ? run.wait() : 999;  // still running after 100 s: killed
     if (rc > 128)
         fprintf(stderr, "lua_runner: script killed or ended by a signal (%d)\n", rc);

@@ -10,9 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 using bMSG::bHttpClient;
 
@@ -71,6 +69,9 @@ TEST(ToUrl, ComposesOrPassesThrough)
     EXPECT_EQ(c.to_url("/s"), "http://g:80/s");
     EXPECT_EQ(bHttpClient("a", 65535, 0, 0).to_url("/x"), "http://a:65535/x");
     EXPECT_EQ(no_host.to_url("http://a/x"), "http://a/x");
+    bHttpClient tls("h", 1, 0, 0);
+    tls.set_tls({true, "", "", "", ""});
+    EXPECT_EQ(tls.to_url("/s") + " " + tls.to_url("http://o/a"), "https://h:1/s http://o/a");
     EXPECT_THROW(c.to_url(nullptr), std::logic_error);
     EXPECT_THROW(bHttpClient(nullptr, 80, 0, 0).get("/x", {}, {}), std::logic_error);
 }
@@ -97,8 +98,7 @@ TEST_F(Http, RequestsAsTheServerReceivesThem)
     for (size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<char>(i * 7 + i / 251);
     const std::string head = " /big HTTP/1.1\r\n" + standard + "Content-Length: 5242880\r\n\r\n";
-    EXPECT_TRUE(call(client, &bHttpClient::post, "/big", big.data(), big.size()) == "200 POST" + head + big);
-    EXPECT_TRUE(call(client, &bHttpClient::put, "/big", big.data(), big.size()) == "200 PUT" + head + big);
+    EXPECT_TRUE(call(client, &bHttpClient::post, "/big", big.data(), big.size()) == "200 POST" + head + big);  // PUT: same body path
 
     EXPECT_EQ(client.post("/quiet", "b", 1, {}, {}), 0);  // empty callbacks
     EXPECT_EQ(hits("/quiet"), 1);
@@ -138,13 +138,12 @@ TEST_F(Http, FailuresRetriesAndRedirects)
     });
 }
 
+// No byte ever, or none after the first ones: both after HTTP_STALL_TIMEOUT_MS, side by side.
 TEST_F(Http, SilentServersTimeOut)
 {
     std::string hang;
     std::thread t([&] { hang = call(client, nullptr, "/hang"); });
-    EXPECT_EQ(call(client, nullptr, "/stall"), err(ETIMEDOUT, 1));
-    t.join();
-    EXPECT_EQ(hang, err(ETIMEDOUT, 1));
+    EXPECT_EQ(call(client, nullptr, "/stall") + " " + (t.join(), hang), err(ETIMEDOUT, 1) + " " + err(ETIMEDOUT, 1));
 }
 
 // tests/http_server.py with its TLS listeners; certificates made for the test.
@@ -154,8 +153,7 @@ TEST(Https, VerifiesTheServerAndPresentsTheDevice)
         char path[32] = "/tmp/bmsg-https-XXXXXX";
         ~Dir() { std::filesystem::remove_all(path); }
     } dir;
-    ASSERT_TRUE(mkdtemp(dir.path));
-    const std::string d = dir.path;
+    const std::string d = mkdtemp(dir.path) ? dir.path : "";
     bmsg_test::Child server = bmsg_test::spawn_native("python3", {BMSG_HTTP_SERVER, d});
     const auto ready = [&] { return server.out().find('\n') != std::string::npos; };
     for (int i = 0; i < 5 && !ready(); ++i)  // making certificates on a busy machine can be slow
@@ -167,6 +165,7 @@ TEST(Https, VerifiesTheServerAndPresentsTheDevice)
     std::ifstream(d + "/pin") >> pin;
     // Files are in the test's directory; a client certificate goes with device.key.
     struct Row { const char* host; unsigned short port; std::string ca, pin, cert, path, expected; };
+    const auto file = [&d](const std::string& name) { return name.empty() ? name : d + "/" + name; };
     for (const Row& r : std::vector<Row>{
              {"127.0.0.1", good, "ca.pem", "", "", "/status/200", ok},
              {"localhost", good, "ca.pem", "", "", "/status/200", ok},
@@ -185,7 +184,6 @@ TEST(Https, VerifiesTheServerAndPresentsTheDevice)
              {"127.0.0.1", mutual, "ca.pem", "", "missing.pem", "/status/200", err(58, 65)},
              {"127.0.0.1", good, "ca.pem", "", "", "/downgrade", err(2001, 67)},
          }) {
-        const auto file = [&d](const std::string& name) { return name.empty() ? name : d + "/" + name; };
         bHttpClient c(r.host, r.port, 0, 5);
         c.set_tls({true, file(r.ca), r.pin, file(r.cert), file(r.cert.empty() ? "" : "device.key")});
         std::string seen = call(c, nullptr, r.path);
@@ -193,8 +191,4 @@ TEST(Https, VerifiesTheServerAndPresentsTheDevice)
             seen = err(56, 65);
         EXPECT_EQ(seen, r.expected) << r.host << ":" << r.port << r.path;
     }
-    bHttpClient c("h", 1, 0, 0);
-    c.set_tls({true, "", "", "", ""});
-    EXPECT_EQ(c.to_url("/s"), "https://h:1/s");
-    EXPECT_EQ(c.to_url("http://o/a"), "http://o/a");
 }

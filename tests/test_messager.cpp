@@ -1,5 +1,4 @@
-// Messager against a private redis-server, no server, a server killed by pid,
-// several processes on one list, and hostile replies from a scripted peer.
+// Messager against a private redis-server, no server, a server killed by pid, a scripted peer.
 #include "bmessager.h"
 #include "bshmem.h"
 #include "fake_redis.h"
@@ -12,7 +11,6 @@
 #include <atomic>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 using namespace bmsg_test;
@@ -23,17 +21,14 @@ static char buf[16], key[16];  // scratch
 
 // Each operation with its code when its command gets no reply; subscribe last.
 const std::vector<std::pair<int, std::function<int(M&)>>> every_op = {
-    {-7, [](M& m) { return m.set("k", "v"); }}, {-7, [](M& m) { return m.set("k", 1); }},
-    {-7, [](M& m) { return m.set("k", 1.5f); }}, {-7, [](M& m) { return m.set("k", 1UL); }},
-    {-8, [](M& m) { return m.get("k", buf, 16); }}, {-8, [](M& m) { int v; return m.get("k", &v); }},
+    {-7, [](M& m) { return m.set("k", "v"); }}, {-7, [](M& m) { return m.set("k", 1); }}, {-7, [](M& m) { return m.set("k", 1.5f); }},
+    {-7, [](M& m) { return m.set("k", 1UL); }}, {-8, [](M& m) { return m.get("k", buf, 16); }}, {-8, [](M& m) { int v; return m.get("k", &v); }},
     {-8, [](M& m) { float v; return m.get("k", &v); }}, {-8, [](M& m) { unsigned long v; return m.get("k", &v); }},
-    {-2, [](M& m) { return m.list_send("L", "%s", "x"); }}, {-2, [](M& m) { return m.device_cmd_send("x"); }},
-    {-2, [](M& m) { return m.bio_cmd_send("x"); }}, {-2, [](M& m) { return m.bio_info_send("x"); }},
-    {-2, [](M& m) { return m.bio_resp_send("x"); }}, {-3, [](M& m) { return m.list_recv("L", buf, 16, 1, key, 16); }},
-    {-3, [](M& m) { return m.list_recv("L", buf, 16, 0, key, 16); }}, {-3, [](M& m) { return m.list_size("L"); }},
-    {-3, [](M& m) { return m.list_clear("L"); }}, {-2, [](M& m) { return m.publish("C", "%s", "x"); }},
-    {-2, [](M& m) { return m.system_publish("x"); }}, {-3, [](M& m) { return m.subscribe("C", {}); }},
-};
+    {-2, [](M& m) { return m.list_send("L", "%s", "x"); }}, {-2, [](M& m) { return m.device_cmd_send("x"); }}, {-2, [](M& m) { return m.bio_cmd_send("x"); }},
+    {-2, [](M& m) { return m.bio_info_send("x"); }}, {-2, [](M& m) { return m.bio_resp_send("x"); }}, {-3, [](M& m) { return m.list_size("L"); }},
+    {-3, [](M& m) { return m.list_recv("L", buf, 16, 1, key, 16); }}, {-3, [](M& m) { return m.list_recv("L", buf, 16, 0, key, 16); }},
+    {-3, [](M& m) { return m.list_clear("L"); }}, {-2, [](M& m) { return m.publish("C", "%s", "x"); }}, {-2, [](M& m) { return m.system_publish("x"); }},
+    {-3, [](M& m) { return m.subscribe("C", {}); }}};
 
 TEST(Connect, EveryCallRetriesAndReportsEachFailure)
 {
@@ -113,6 +108,7 @@ TEST(Lists, ReceiveCopiesWhatFitsNamesTheKeyAndAlwaysTakesTheElement)
     // Literal text splits at blanks; "%%" is a percent sign.
     EXPECT_EQ((V{m.list_send("Q", "x y z"), m.list_send("Q", "100%%"), m.list_size("Q")}), (V{0, 0, 4}));
     EXPECT_EQ(redis_raw(server, "LRANGE Q 0 -1"), "100%\nz\ny\nx");
+    EXPECT_EQ((V{m.list_recv("Q", buf, 16, 0, key, 16), buf[0], m.list_recv("Q", buf, 16, 1, key, 16), buf[0]}), (V{1, 'x', 1, 'y'}));
     EXPECT_EQ((V{m.list_clear("Q"), m.list_clear("Q")}), (V{1, 0}));
     EXPECT_EQ(m.device_cmd_send("d") + m.bio_cmd_send("c") + m.bio_info_send("i") + m.bio_resp_send("r"), 0);
     EXPECT_EQ(redis_raw(server, "RPOP DEVICE_CMD") + redis_raw(server, "RPOP BIO_CMD") +
@@ -123,9 +119,7 @@ TEST(Get, EachReaderTakesOnlyItsOwnReplyType)
 {
     RedisServer server;
     M m(server.socket().c_str(), 0, 1);
-    redis_raw(server, "SET n 42");
-    redis_raw(server, "SET long 12345678");
-    redis_raw(server, "LPUSH list x");
+    redis_raw(server, "MSET n 42 long 12345678"), redis_raw(server, "LPUSH list x");
     // key, then what each reader holds after it (before: 7, 9, 8, "").
     const struct { const char* key; int i; unsigned long u; float f; const char* text; } rows[] = {
         {"n", 7, 9, 42, "42"}, {"long", 7, 9, 12345678, ""}, {"list", 7, 9, 8, ""}, {"none", 7, 9, 8, ""}};
@@ -199,9 +193,7 @@ TEST(ServerKilled, BlockedPopSubscriberAndCommandLoopGiveTheirCodesThenANewMessa
                 return redis_raw(server, "INFO clients").find("blocked_clients:1") != std::string::npos &&
                        redis_raw(server, "PUBSUB NUMSUB S") == "S\n1" && atoi(redis_raw(server, "LLEN BIO_CMD").c_str()) > 200;
             });
-            server.stop();
-            for (std::thread* t : {&popper, &subscriber, &loop})
-                t->join();
+            server.stop(), popper.join(), subscriber.join(), loop.join();
             return busy;
         });
         EXPECT_TRUE(c.status);
@@ -236,61 +228,6 @@ TEST(Template, ExactlyFullFitsOneMoreCharacterIsRefusedUnsent)
 
     // A format hiredis cannot read fails this and, as in hiredis, every later command.
     EXPECT_EQ((V{m.list_send("K", "%q"), m.set("k", "v")}), (V{-2, -7}));
-}
-
-// address, port, producer number, messages: pushes "<producer>:<sequence>".
-BMSG_ROLE(producer)
-{
-    M m(args.at(0).c_str(), static_cast<uint16_t>(std::stoi(args.at(1))), 3);
-    for (int seq = 0; seq < std::stoi(args.at(3)); ++seq)
-        if (m.list_send("LOAD", "%s:%d", args.at(2).c_str(), seq) != 0)
-            return 1;
-    return 0;
-}
-
-// address, port: prints each message, one a line, until "STOP".
-BMSG_ROLE(consumer)
-{
-    M m(args.at(0).c_str(), static_cast<uint16_t>(std::stoi(args.at(1))), 3);
-    for (int n = 0;;) {
-        char msg[64] = {};
-        if ((n = m.list_recv("LOAD", msg, sizeof msg - 1, 30, nullptr, 0)) <= 0 || strcmp(msg, "STOP") == 0)
-            return n <= 0;
-        printf("%s\n", msg);
-    }
-}
-
-TEST(Lists, ProducersAndConsumersOverBothTransportsLoseAndDoubleNothingInProducerOrder)
-{
-    const int count = 2000, processes = 3;
-    RedisServer server;
-    const std::string port = std::to_string(server.port());
-    std::vector<Child> consumers, producers;
-    for (int i = 0; i < processes; ++i) {
-        const char* address = i % 2 ? server.socket().c_str() : "127.0.0.1";
-        consumers.push_back(spawn_role("consumer", {address, port}));
-        producers.push_back(spawn_role("producer", {address, port, std::to_string(i), std::to_string(count)}));
-    }
-    for (Child& c : producers)
-        EXPECT_EQ(c.wait(), 0) << c.err();
-    M m(server.socket().c_str(), 0, 1);
-    for (int i = 0; i < processes; ++i)  // behind every message
-        ASSERT_EQ(m.list_send("LOAD", "STOP"), 0);
-    std::vector<int> seen(processes * count, 0);
-    int out_of_order = 0, p, seq;
-    char colon;
-    for (Child& c : consumers) {
-        EXPECT_EQ(c.wait(), 0) << c.err();
-        std::istringstream in(c.out());
-        std::vector<int> last(processes, -1);  // one consumer sees each producer's order
-        for (; in >> p >> colon >> seq; last[p] = seq) {
-            ASSERT_TRUE(p >= 0 && p < processes && seq >= 0 && seq < count) << p << ":" << seq;
-            ++seen[p * count + seq];
-            out_of_order += seq <= last[p];
-        }
-    }
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), processes * count) << "lost or doubled";
-    EXPECT_EQ(out_of_order, 0);
 }
 
 // Replies a real server never sends, where they could crash the caller.

@@ -31,8 +31,7 @@ for i, l in ipairs(lists) do
     t.same(l[2] .. "_recv", { l[1] .. "%" }, m[l[2] .. "_recv"](m, 0))
   end
 end
-t.same("bio_cmd_clear", { 1 }, m:bio_cmd_clear())
-t.same("bio_cmd_size after clear", { 0 }, m:bio_cmd_size())
+t.same("bio_cmd_clear, then its size", { 1, 0 }, m:bio_cmd_clear(), m:bio_cmd_size())
 
 -- Received values: up to 10239 bytes whole; longer or empty ones give nil
 -- and are gone all the same.

@@ -28,8 +28,7 @@ function t.redis(...) return (assert(io.popen(cli(...))):read("*a"):gsub("\n$", 
 -- In the background: a command after `delay` s; "wake" until unsubscribe, which waits for one.
 function t.later(delay, ...) os.execute(("(sleep %s; %s) >/dev/null &"):format(delay, cli(...))) end
 function t.unsubscribe_live(m, handle, channel)
-  os.execute(("for i in $(seq 300); do [ \"$(%s)\" = 0 ] && break; sleep 0.1; done >/dev/null &")
-    :format(cli("PUBLISH", channel, "wake")))
+  os.execute(("for i in $(seq 300); do [ \"$(%s)\" = 0 ] && break; sleep 0.1; done >/dev/null &"):format(cli("PUBLISH", channel, "wake")))
   return m.unsubscribe(handle)
 end
 

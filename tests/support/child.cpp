@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <condition_variable>
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iterator>
@@ -34,11 +35,9 @@ std::string slurp(int fd)
     s.resize(static_cast<size_t>(std::max<ssize_t>(0, pread(fd, &s[0], s.size(), 0))));
     return s;
 }
-
 std::vector<std::string> join(std::vector<std::string> head, const std::vector<std::string>& tail)
 {
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
+    return head.insert(head.end(), tail.begin(), tail.end()), head;
 }
 
 void reap(pid_t pid, int& status, int flags)
@@ -76,10 +75,8 @@ Child spawn(const std::vector<std::string>& argv, bool ours, const std::string& 
     const char* emulator = ours ? getenv("BMSG_TEST_EMULATOR") : nullptr;
     std::istringstream split(emulator ? emulator : "");
     std::vector<std::string> words = join({std::istream_iterator<std::string>(split), {}}, argv);
-    std::vector<char*> args;
-    for (auto& w : words)
-        args.push_back(&w[0]);
-    args.push_back(nullptr);
+    std::vector<char*> args(words.size() + 1, nullptr);
+    std::transform(words.begin(), words.end(), args.begin(), [](std::string& w) { return &w[0]; });
     Child c;
     for (int i = 0; i < 3; ++i)
         c.fds_[i] = memfd_create("child", MFD_CLOEXEC);
@@ -107,36 +104,24 @@ Child spawn_role(const std::string& role, const std::vector<std::string>& args)
     (void)!readlink("/proc/self/exe", self, sizeof self - 1);
     return spawn(join({self, "--bmsg-role", role}, args), true, "");
 }
-
-Child spawn_program(const std::string& path, const std::vector<std::string>& args,
-                    const std::string& input)
+Child spawn_program(const std::string& path, const std::vector<std::string>& args, const std::string& input)
 {
     return spawn(join({path}, args), true, input);
 }
-
-Child spawn_native(const std::string& path, const std::vector<std::string>& args)
-{
-    return spawn(join({path}, args), false, "");
-}
+Child spawn_native(const std::string& path, const std::vector<std::string>& args) { return spawn(join({path}, args), false, ""); }
 
 Child::~Child()
 {
-    kill(SIGKILL);
-    wait();
+    kill(SIGKILL), wait();
     for (int fd : fds_)
         close(fd);
 }
-
 Child::Child(Child&& other) noexcept { *this = std::move(other); }
-
 Child& Child::operator=(Child&& other) noexcept
 {
-    std::swap(pid_, other.pid_);
-    std::swap(status_, other.status_);
-    std::swap(fds_, other.fds_);
+    std::swap(pid_, other.pid_), std::swap(status_, other.status_), std::swap(fds_, other.fds_);
     return *this;
 }
-
 int Child::wait() { return reap(pid_, status_, 0), status_; }
 bool Child::ended() { return reap(pid_, status_, WNOHANG), status_ >= 0; }
 void Child::kill(int sig)
@@ -144,7 +129,6 @@ void Child::kill(int sig)
     if (pid_ > 0 && status_ < 0)
         ::kill(pid_, sig);
 }
-
 std::string Child::out() const { return slurp(fds_[1]); }
 std::string Child::err() const { return slurp(fds_[2]); }
 bool register_role(const char* name, RoleFn fn) { return roles().emplace(name, fn).second; }
@@ -154,9 +138,7 @@ int run_role_if_asked(int argc, char** argv)
     if (argc < 3 || strcmp(argv[1], "--bmsg-role") != 0)
         return -1;
     const auto role = roles().find(argv[2]);
-    if (role == roles().end())
-        return 127;
-    return role->second(std::vector<std::string>(argv + 3, argv + argc));
+    return role == roles().end() ? 127 : role->second(std::vector<std::string>(argv + 3, argv + argc));
 }
 
 std::string unique(const std::string& tag) { return tag + "_bt" + std::to_string(getpid()); }

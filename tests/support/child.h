@@ -1,8 +1,6 @@
-// Other processes for tests, forked and executed at once: a fresh process, not
-// a copy of the test process, killed (PR_SET_PDEATHSIG) when the test process
-// ends however it ends. The other process of a cross-process test is this
-// binary run with a role: BMSG_ROLE(name) { ...; return 0; } then
-// spawn_role("name", {args}). BMSG_TEST_EMULATOR prefixes our programs.
+// Other processes for tests, forked and executed at once, killed (PR_SET_PDEATHSIG) when the test
+// process ends however it ends. The other process of a cross-process test is this binary run with a
+// role: BMSG_ROLE(name) { ...; return 0; } then spawn_role("name", {args}). BMSG_TEST_EMULATOR prefixes our programs.
 #ifndef BMSG_TEST_CHILD_H
 #define BMSG_TEST_CHILD_H
 
@@ -13,8 +11,7 @@
 
 namespace bmsg_test {
 
-// A started process with stdout and stderr caught; the destructor kills
-// (SIGKILL) and reaps it if it still runs.
+// A started process with stdout and stderr caught; the destructor kills (SIGKILL) and reaps it.
 class Child {
 public:
     Child() = default;
@@ -46,10 +43,8 @@ Child spawn_native(const std::string& program, const std::vector<std::string>& a
 using RoleFn = int (*)(const std::vector<std::string>& args);
 bool register_role(const char* name, RoleFn fn);
 int run_role_if_asked(int argc, char** argv);  // the role's exit code, or -1
-// A name unique to this test process (tag + "_bt" + pid): shared-memory
-// segments named "/bmsg_test_..." or "/BIOMETRIC_SAMPLE_..." with it are
-// removed by remove_orphan_segments() once their process is gone, as every
-// test binary does when it starts (a test killed at its time-out leaves them).
+// tag + "_bt" + pid: segments "/bmsg_test_..." or "/BIOMETRIC_SAMPLE_..." named with it are removed by
+// remove_orphan_segments() (every test binary at its start) once their process is gone.
 std::string unique(const std::string& tag);
 void remove_orphan_segments();
 // Whether robust futexes work (owner-died recovery needs them).

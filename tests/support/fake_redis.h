@@ -1,7 +1,5 @@
-// A scripted Redis-protocol peer for replies a real server never sends, on a
-// Unix socket: each connection gets the next queued bytes (none when the
-// queue is empty) written at once, then the end of the stream, so the
-// client's commands find them waiting; the commands are never read.
+// A scripted Redis-protocol peer on a Unix socket, for replies a real server never sends: each
+// connection gets the next queued bytes (or none) at once, then the end of the stream; commands are never read.
 #ifndef BMSG_TEST_FAKE_REDIS_H
 #define BMSG_TEST_FAKE_REDIS_H
 

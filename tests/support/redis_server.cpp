@@ -36,10 +36,7 @@ RedisServer::RedisServer(std::vector<std::string> config) : config_(std::move(co
 
 RedisServer::~RedisServer()
 {
-    stop();
-    unlink(socket_.c_str());
-    unlink((dir_ + "/redis.log").c_str());
-    rmdir(dir_.c_str());
+    stop(), unlink(socket_.c_str()), unlink((dir_ + "/redis.log").c_str()), rmdir(dir_.c_str());
 }
 
 bool RedisServer::start()
@@ -63,16 +60,13 @@ bool RedisServer::start()
 
 void RedisServer::stop(int signal)
 {
-    process_.kill(signal);
-    process_.wait();
-    process_ = Child();
-    pid_ = -1;
+    process_.kill(signal), process_.wait();
+    process_ = Child(), pid_ = -1;
 }
 
 void RedisServer::restart()
 {
-    stop();
-    unlink(socket_.c_str());
+    stop(), unlink(socket_.c_str());
     if (!start())
         abort();
 }
@@ -89,11 +83,7 @@ Captured run_captured(const std::function<int()>& fn)
 
 static std::string text_of(const redisReply* r)
 {
-    std::string s;
-    if (r->type == REDIS_REPLY_INTEGER)
-        return std::to_string(r->integer);
-    if (r->type == REDIS_REPLY_NIL)
-        return "(nil)";
+    std::string s = r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer) : r->type == REDIS_REPLY_NIL ? "(nil)" : "";
     for (size_t i = 0; i < r->elements; ++i)
         s += (i ? "\n" : "") + text_of(r->element[i]);
     return r->str ? std::string(r->str, r->len) : s;

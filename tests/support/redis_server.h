@@ -1,5 +1,4 @@
-// A private redis-server for one test: Unix socket in a temp dir and a free
-// TCP port on 127.0.0.1, started and stopped by pid.
+// A private redis-server for one test: Unix socket in a temp dir, a free TCP port on 127.0.0.1; by pid.
 #ifndef BMSG_TEST_REDIS_SERVER_H
 #define BMSG_TEST_REDIS_SERVER_H
 
@@ -41,8 +40,7 @@ struct Captured {
 // Runs fn in this process with stdout and stderr caught.
 Captured run_captured(const std::function<int()>& fn);
 
-// One command on a fresh connection; the reply as text ("(nil)", integers in
-// decimal, array elements joined by '\n').
+// One command on a fresh connection; the reply as text ("(nil)", integers, elements joined by '\n').
 std::string redis_raw(const RedisServer& server, const char* format, ...);
 
 // Polls `done` every 10 ms for up to 10 s; whether it came true.
