@@ -1,6 +1,7 @@
 // Messager against a private redis-server, no server, a server killed by pid, a scripted peer.
 #include "bmessager.h"
 #include "bshmem.h"
+#include "child.h"
 #include "fake_redis.h"
 #include "redis_server.h"
 
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 using namespace bmsg_test;
@@ -113,6 +115,49 @@ TEST(Lists, ReceiveCopiesWhatFitsNamesTheKeyAndAlwaysTakesTheElement)
     EXPECT_EQ(m.device_cmd_send("d") + m.bio_cmd_send("c") + m.bio_info_send("i") + m.bio_resp_send("r"), 0);
     EXPECT_EQ(redis_raw(server, "RPOP DEVICE_CMD") + redis_raw(server, "RPOP BIO_CMD") +
                   redis_raw(server, "RPOP MAIN_BIOMETRIC_INFO") + redis_raw(server, "RPOP BIOMETRIC_RESP"), "dcir");
+}
+
+// address, port, producer number or "c", count: a producer pushes "<number>:<sequence>";
+// a consumer prints each message it pops, one a line, until "STOP".
+BMSG_ROLE(load)
+{
+    M m(args.at(0).c_str(), static_cast<uint16_t>(std::stoi(args.at(1))), 3);
+    for (int seq = 0; args.at(2) != "c" && seq < std::stoi(args.at(3)); ++seq)
+        if (m.list_send("LOAD", "%s:%d", args[2].c_str(), seq) != 0)
+            return 1;
+    char msg[64];
+    for (int n; args[2] == "c"; printf("%s\n", msg))
+        if ((n = m.list_recv("LOAD", msg, sizeof msg - 1, 30, nullptr, 0)) <= 0 || (msg[n] = 0, !strcmp(msg, "STOP")))
+            return n <= 0;
+    return 0;
+}
+
+TEST(Lists, ProducersAndConsumersOverBothTransportsLoseAndDoubleNothingInProducerOrder)
+{
+    const int count = 2000, n = 3;
+    RedisServer server;
+    std::vector<Child> consumers, producers;
+    for (int i = 0; i < n; ++i) {
+        const std::string address = i % 2 ? server.socket() : "127.0.0.1", port = std::to_string(server.port());
+        consumers.push_back(spawn_role("load", {address, port, "c", "0"}));
+        producers.push_back(spawn_role("load", {address, port, std::to_string(i), std::to_string(count)}));
+    }
+    for (Child& c : producers)
+        EXPECT_EQ(c.wait(), 0) << c.err();
+    for (int i = 0; i < n; ++i)  // behind every message
+        redis_raw(server, "LPUSH LOAD STOP");
+    std::vector<int> seen(n * count, 0);
+    int disorder = 0, p, seq;
+    char colon;
+    for (Child& c : consumers) {
+        EXPECT_EQ(c.wait(), 0) << c.err();
+        std::istringstream in(c.out());
+        std::vector<int> last(n, -1);  // one consumer sees each producer's order
+        for (; in >> p >> colon >> seq && p >= 0 && p < n && seq >= 0 && seq < count; last[p] = seq)
+            disorder += seq <= last[p] || ++seen[p * count + seq] > 1;
+    }
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), n * count) << "lost or doubled";
+    EXPECT_EQ(disorder, 0);
 }
 
 TEST(Get, EachReaderTakesOnlyItsOwnReplyType)
