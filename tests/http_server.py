@@ -1,9 +1,6 @@
 #!/usr/bin/env python3
-"""HTTP/1.1 server of the HTTP client tests on 127.0.0.1; prints its port.
-One exchange per connection; what a path does is in the table below;
-anything else gets 200 and the request as received, Host line left out.
-With a directory argument it makes certificates there (see tls_listeners)
-and serves the same over TLS on more ports, printed on the same line."""
+"""HTTP/1.1 server of the HTTP client tests on 127.0.0.1, one exchange per connection; prints its port.
+With a directory argument it also serves TLS (see tls_listeners) on more ports, printed on that line."""
 import base64, hashlib, re, socketserver, ssl, subprocess, sys, threading
 
 hits = {}
@@ -54,11 +51,8 @@ class Handler(socketserver.BaseRequestHandler):
 
 
 def tls_listeners(d):
-    """In d: CAs ca (trusted by the tests), other (unknown) and clientca; the
-    server certificates good, unknown, wronghost, expired; a client
-    certificate device; and pin, the good key's sha256// pin. Returns TLS
-    contexts: one per server certificate, then good requiring a client
-    certificate of clientca."""
+    """Makes in d CAs ca, other, clientca; certificates good, unknown, wronghost, expired, device (a
+    client's); pin (good's). Returns a context per server certificate, then good requiring a client's."""
     def openssl(*args):
         subprocess.run(("openssl",) + args, cwd=d, check=True, capture_output=True)
     key = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj")

@@ -79,8 +79,7 @@ TEST(ToUrl, ComposesOrPassesThrough)
 TEST_F(Http, RequestsAsTheServerReceivesThem)
 {
     const char data[] = "a b\0c\r\n";  // NUL included
-    const std::string bytes(data, 7);
-    const std::string length = "Content-Length: 7\r\n\r\n" + bytes;
+    const std::string length = "Content-Length: 7\r\n\r\n" + std::string(data, 7);
     setenv("http_proxy", ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);  // to be ignored
     walk({
         {client, nullptr, "echo?q=1", nullptr, 0, "200 GET /echo?q=1 HTTP/1.1\r\n" + standard + "\r\n", -1},

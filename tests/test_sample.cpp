@@ -33,7 +33,6 @@ std::string key(const std::string& m) { return "BIOMETRIC_SAMPLE_" + m; }
 std::string str(const unsigned char* p, size_t n) { return std::string(reinterpret_cast<const char*>(p), n); }
 bool segment_exists(const std::string& m) { return bMSG::SharedMemory("/" + key(m), 0, false).addr; }
 long queued(const RedisServer& s, const std::string& m) { return std::stol(redis_raw(s, "LLEN %s", key(m).c_str())); }
-void nothing(int, int, BImage::ImageFormat, const unsigned char*) {}
 unsigned char pattern(uint32_t seed, size_t i) { return (seed * 2654435761u + i * 40503u) >> 13; }
 void paint(unsigned char* p, size_t n, uint32_t seed) { for (size_t i = 0; i < n; ++i) p[i] = pattern(seed, i); }
 // A GRAY8 image: the seed in bytes 0-3, its pattern after them.
@@ -45,15 +44,6 @@ bool holds(const unsigned char* p, size_t n, uint32_t seed, size_t from = 0)
         ++from;
     return n > 0 && from == n;
 }
-
-// Images the sender role makes, by the modality's first letter.
-struct Shape {
-    int w, h;
-    BImage::ImageFormat f;
-    size_t count() const { unsigned char b; return static_cast<size_t>(Image(w, h, f, &b).count()); }
-};
-const Shape shapes[] = {{640, 480, BImage::GRAY8}, {320, 240, BImage::RGB24}, {33, 17, BImage::NV12}};
-const Shape& shape_of(const std::string& m) { return shapes[m[0] - 'a']; }
 
 // Whether c caught a report.
 bool reported(const bmsg_test::Captured& c) { return !c.err.empty() && !c.out.empty(); }
@@ -68,22 +58,25 @@ bmsg_test::Captured with_bus(const RedisServer& s, bool tcp, const std::function
 
 // The vector recv, recv_any, view, recv_into, read, the one-modality recv.
 enum How { pop, any, view, into, peek, single };
+BImage::ImageFormat took;  // the format of the last image take() saw
 
-// Takes one sample of m: 1 a whole GRAY8 image stamped with `seed` (any seed
-// when 0), 2 one with other pixels, 0 null, or the view's / recv_into's code.
+// Takes one sample of m: 1 a whole image stamped with `seed` (any seed when 0), 2 one with
+// other pixels, 0 null, or the view's / recv_into's code.
 int take(bMSG::Messager& bus, How how, const std::string& m, uint32_t seed = 0, int len = 64)
 {
     char out[64];
     const std::vector<const char*> ms{m.c_str()};
     int rc = 0;
-    const auto check = [&](int w, int h, BImage::ImageFormat, const unsigned char* p) {
+    const auto check = [&](int w, int h, BImage::ImageFormat f, const unsigned char* p) {
         uint32_t s = seed;
-        rc = (s || memcpy(&s, p, 4)) && !memcmp(p, &s, 4) && holds(p, static_cast<size_t>(w) * h, s, 4) ? 1 : 2;
+        unsigned char b;
+        took = f;
+        rc = (s || memcpy(&s, p, 4)) && !memcmp(p, &s, 4) && holds(p, Image(w, h, f, &b).count(), s, 4) ? 1 : 2;
     };
     Image mine(1, 1, BImage::GRAY8, nullptr);
     if (how == view || how == into) {
         const int got = how == view ? bus.bio_sample_view(ms, 1, check, out, len) : bus.bio_sample_recv_into(ms, 1, mine, out, len);
-        return got != 1 ? got : how == view ? rc : (check(mine.width, mine.height, mine.format, mine.data), rc);
+        return got != 1 ? got : how == view ? rc : (check(mine.width, mine.height, mine.format, mine.data), mine.buffer == mine.data ? rc : 3);
     }
     ImagePtr got(how == pop ? bus.bio_sample_recv(ms, 1, out, len) : how == any ? bus.bio_sample_recv_any(ms, 1, out, len)
                  : how == peek ? bus.bio_sample_read(m.c_str()) : bus.bio_sample_recv(m.c_str(), 1));
@@ -93,24 +86,6 @@ int take(bMSG::Messager& bus, How how, const std::string& m, uint32_t seed = 0, 
 }
 
 } // namespace
-
-// port, "send" or "loan", modalities: on each "go" on list GO sends the next
-// modality's image; returns on the "go" after the last.
-BMSG_ROLE(sender)
-{
-    bMSG::Messager bus("127.0.0.1", static_cast<uint16_t>(std::stoi(args.at(0))), 1);
-    char go[8];
-    for (size_t i = 2; bus.list_recv("GO", go, sizeof go, 30, nullptr, 0) == 2 && i < args.size(); ++i) {
-        const Shape& s = shape_of(args[i]);
-        Image image(s.w, s.h, s.f, nullptr);
-        paint(image.data, s.count(), args[i][0]);
-        const auto fill = [&](unsigned char* p, size_t n) { paint(p, n, args[i][0]); };
-        if ((args[1] == "loan" ? bus.bio_sample_loan(args[i].c_str(), s.w, s.h, s.f, fill)
-                               : bus.bio_sample_send(args[i].c_str(), &image)) != 0)
-            return 2;
-    }
-    return 0;
-}
 
 TEST(ImageHeader, FixedLayoutAndOnlyWholeHeadersParse)
 {
@@ -194,7 +169,7 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
         }
     char out[8] = "none";  // no modality: nothing to wait on
     EXPECT_EQ(sender.bio_sample_recv(std::vector<const char*>{}, 0, out, sizeof out), nullptr);
-    EXPECT_EQ(sender.bio_sample_view({}, 0, nothing), 0);
+    EXPECT_EQ(sender.bio_sample_view({}, 0, [](int, int, BImage::ImageFormat, const unsigned char*) {}), 0);
 
     // The reader peeks, reports, and drops only a descriptor whose segment is gone.
     Image image(16, 8, BImage::GRAY8, nullptr);
@@ -223,51 +198,6 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
     EXPECT_EQ(sender.bio_sample_read({empty.c_str(), "NOTHING"}, out, sizeof out), nullptr);
     ImagePtr found(sender.bio_sample_read({empty.c_str(), peek.c_str()}, out, 5));
     EXPECT_TRUE(found && out == peek.substr(0, 4));
-}
-
-TEST(SampleTransfer, AnotherProcessSendsEveryReceiverGetsIdenticalPixelsAndNothingAfterIt)
-{
-    const struct { const char* how; How receive; const char* order; } rows[] = {
-        {"send", pop, "ab"}, {"send", any, "cab"}, {"send", view, "bca"}, {"loan", into, "abc"}, {"loan", any, "bc"}};
-    RedisServer server;
-    const std::vector<std::string> all{unique("a"), unique("b"), unique("c")};
-    const std::vector<const char*> keys{all[0].c_str(), all[1].c_str(), all[2].c_str()};
-    for (const auto& row : rows) {
-        std::vector<std::string> args{std::to_string(server.port()), row.how};
-        for (const char* c = row.order; *c; ++c)
-            args.push_back(all[*c - 'a']);
-        args.push_back(args[2]);  // the first again, taken after the sender left
-        bmsg_test::Child peer = bmsg_test::spawn_role("sender", args);
-        bMSG::Messager bus(server.socket().c_str(), 0, 1);
-        unsigned char little[16];
-        Image mine(4, 4, BImage::GRAY8, little);  // grown, never freed
-        const auto whole_image = [&](const std::string& want) {
-            const Shape& s = shape_of(want);
-            char out[32] = "";
-            bool whole = false;
-            const auto check = [&](int w, int h, BImage::ImageFormat f, const unsigned char* p) {
-                whole = w == s.w && h == s.h && f == s.f && holds(p, s.count(), want[0]);
-            };
-            EXPECT_EQ(row.receive == view ? bus.bio_sample_view(keys, 10, check, out, sizeof out) : 1, 1);
-            if (row.receive == into && bus.bio_sample_recv_into(keys, 10, mine, out, sizeof out) == 1)
-                check(mine.width, mine.height, mine.format, mine.data);
-            whole = whole && (row.receive != into || (mine.data != little && mine.buffer == mine.data));
-            ImagePtr got(row.receive == any    ? bus.bio_sample_recv_any(keys, 10, out, sizeof out)
-                         : row.receive == pop ? bus.bio_sample_recv({want.c_str()}, 10, out, sizeof out) : nullptr);
-            got ? check(got->width, got->height, got->format, got->data) : void();
-            return whole && out == want;
-        };
-        for (size_t i = 2; i < args.size() - 1; ++i) {
-            redis_raw(server, "LPUSH GO go");
-            EXPECT_TRUE(whole_image(args[i])) << (&row - rows) << " " << args[i];
-        }
-        redis_raw(server, "LPUSH GO go go");
-        EXPECT_EQ(peer.wait(), 0) << peer.err();
-        for (const std::string& m : all)
-            EXPECT_FALSE(segment_exists(m)) << "the sender unlinks its segments as it returns";
-        const auto stale = bmsg_test::run_captured([&] { return take(bus, pop, args[2]); });
-        EXPECT_TRUE(reported(stale) && stale.status == 0) << "a mapping whose name is gone is dropped";
-    }
 }
 
 TEST(SampleExtras, LoanCodesLocksFreedOnEveryExitAndSegmentMode)
@@ -342,19 +272,21 @@ TEST(Subscription, DeliversSeveralChannelsNothingAfterStopAndEndsWithItsServer)
     EXPECT_EQ(got, (std::vector<std::string>{"one:a", "two:b", "two:b"}));
 }
 
-// socket, modality, side, seed, seconds: with 0 seconds sends one side x side
-// image, says "sent" and returns on a "QUIT" on list QUIT<modality>; else sends
+// socket, modality, side, seed, seconds[, format, "loan"]: with 0 seconds sends (or lends) one
+// side x side image, says "sent" and returns on a "QUIT" on list QUIT<modality>; else sends
 // numbered images (never more than 8 queued) for that long.
 BMSG_ROLE(send)
 {
     bMSG::Messager bus(args.at(0).c_str(), 0, 1);
     const int side = std::stoi(args.at(2)), seconds = std::stoi(args.at(4));
-    Image image(side, side, BImage::GRAY8, nullptr);
+    const auto f = static_cast<BImage::ImageFormat>(args.size() > 5 ? std::stoi(args[5]) : 0);
+    Image image(side, side, f, nullptr);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     for (uint32_t i = std::stoul(args.at(3)); seconds == 0 || std::chrono::steady_clock::now() < end; ++i) {
         while (bus.list_size(key(args[1]).c_str()) > 8)
             usleep(500);
-        if (bus.bio_sample_send(args[1].c_str(), &stamp(image, i)) != 0)
+        const auto fill = [&](unsigned char* p, size_t n) { paint(p, n, i), memcpy(p, &i, 4); };
+        if ((args.size() > 6 && args[6] == "loan" ? bus.bio_sample_loan(args[1].c_str(), side, side, f, fill) : bus.bio_sample_send(args[1].c_str(), &stamp(image, i))) != 0)
             return 1;
         char quit[8];
         if (seconds == 0 && printf("sent\n") > 0 && fflush(stdout) == 0)
@@ -363,9 +295,11 @@ BMSG_ROLE(send)
     return 0;
 }
 
-bmsg_test::Child started(const bmsg_test::RedisServer& s, const std::string& m, const char* side, uint32_t seed, const char* seconds = "0")
+bmsg_test::Child started(const bmsg_test::RedisServer& s, const std::string& m, const char* side, uint32_t seed,
+                         const char* seconds = "0", std::vector<std::string> more = {})
 {
-    bmsg_test::Child c = bmsg_test::spawn_role("send", {s.socket(), m, side, std::to_string(seed), seconds});
+    more.insert(more.begin(), {s.socket(), m, side, std::to_string(seed), seconds});
+    bmsg_test::Child c = bmsg_test::spawn_role("send", more);
     EXPECT_TRUE(*seconds != '0' || bmsg_test::wait_until([&] { return c.out() == "sent\n"; })) << c.err();
     return c;
 }
@@ -376,13 +310,19 @@ TEST(SampleLifecycle, ALongLivedReceiverGetsWholeImagesOfRestartedAndOfTwoConcur
     const std::string m = unique("RESTART");
     bMSG::Messager bus(server.socket().c_str(), 0, 1);
     uint32_t seed = 1;
-    for (How how : {pop, any, view, into, peek})
+    for (How how : {pop, any, view, into, peek})  // every format, sent and lent, each receiver
         for (int restart = 0; restart < 2; ++restart, ++seed) {
-            bmsg_test::Child sender = started(server, m, "16", seed);  // the shape of the last one
-            EXPECT_EQ(take(bus, how, m, seed), 1) << how << " after restart " << restart;
+            const int format = "013"[seed % 3] - '0';
+            bmsg_test::Child sender = started(server, m, "17", seed, "0", {std::to_string(format), restart ? "loan" : ""});
+            EXPECT_TRUE(take(bus, how, m, seed) == 1 && took == format) << how << " after restart " << restart;
             redis_raw(server, "LPUSH QUIT%s QUIT", m.c_str());
             EXPECT_EQ(sender.wait(), 0) << sender.err();
+            EXPECT_FALSE(segment_exists(m)) << "the sender unlinks its segment as it returns";
         }
+    bmsg_test::Child gone = started(server, m, "17", seed);
+    redis_raw(server, "LPUSH QUIT%s QUIT", m.c_str());
+    const auto stale = bmsg_test::run_captured([&] { return gone.wait() + take(bus, pop, m); });
+    EXPECT_TRUE(reported(stale) && stale.status == 0) << "a descriptor whose segment is gone is dropped";
     bmsg_test::Child a = started(server, m, "16", 1600000, "2"), b = started(server, m, "24", 2400000, "2");
     int whole = 0;
     for (int i = 0; !a.ended() || !b.ended() || i % 5; ++i) {

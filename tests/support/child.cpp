@@ -104,10 +104,7 @@ Child spawn_role(const std::string& role, const std::vector<std::string>& args)
     (void)!readlink("/proc/self/exe", self, sizeof self - 1);
     return spawn(join({self, "--bmsg-role", role}, args), true, "");
 }
-Child spawn_program(const std::string& path, const std::vector<std::string>& args, const std::string& input)
-{
-    return spawn(join({path}, args), true, input);
-}
+Child spawn_program(const std::string& path, const std::vector<std::string>& args, const std::string& in) { return spawn(join({path}, args), true, in); }
 Child spawn_native(const std::string& path, const std::vector<std::string>& args) { return spawn(join({path}, args), false, ""); }
 
 Child::~Child()
