@@ -117,8 +117,7 @@ TEST(Lists, ReceiveCopiesWhatFitsNamesTheKeyAndAlwaysTakesTheElement)
                   redis_raw(server, "RPOP MAIN_BIOMETRIC_INFO") + redis_raw(server, "RPOP BIOMETRIC_RESP"), "dcir");
 }
 
-// address, port, producer number or "c", count: a producer pushes "<number>:<sequence>";
-// a consumer prints each message it pops, one a line, until "STOP".
+// address, port, producer number or "c", count: pushes "<number>:<sequence>", or prints each pop until "STOP".
 BMSG_ROLE(load)
 {
     M m(args.at(0).c_str(), static_cast<uint16_t>(std::stoi(args.at(1))), 3);
@@ -144,11 +143,10 @@ TEST(Lists, ProducersAndConsumersOverBothTransportsLoseAndDoubleNothingInProduce
     }
     for (Child& c : producers)
         EXPECT_EQ(c.wait(), 0) << c.err();
-    for (int i = 0; i < n; ++i)  // behind every message
-        redis_raw(server, "LPUSH LOAD STOP");
+    redis_raw(server, "LPUSH LOAD STOP STOP STOP");  // one for each consumer, behind every message
     std::vector<int> seen(n * count, 0);
     int disorder = 0, p, seq;
-    char colon;
+    char colon = 0;
     for (Child& c : consumers) {
         EXPECT_EQ(c.wait(), 0) << c.err();
         std::istringstream in(c.out());

@@ -48,8 +48,7 @@ long long counted(const std::string& file, const std::string& kind, const std::s
     return -1;
 }
 
-// Commands, information, a response, statuses, a setting and a sample, as the device's
-// processes send them. The segment stays (owner off) for the recorder to read after the push.
+// The device's kinds of traffic; the sample's segment stays (owner off) for the recorder to read.
 void exchange(const RedisServer& server, const std::string& modality, BImage::Image& image)
 {
     bMSG::Messager m(server.socket().c_str(), 0, 1);

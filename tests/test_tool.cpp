@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <regex>
 
 using bmsg_test::RedisServer;
@@ -103,8 +104,7 @@ TEST(Tool, PngRoundTripThroughASample)
             sent.pixels.push_back(static_cast<unsigned char>(i * 37));
         std::string error;
         ASSERT_TRUE(picture::write_png(in, sent, error)) << error;
-        // Grey: the sender waits until the sample is taken and removes its
-        // segment; colour: --keep returns at once and leaves it.
+        // Grey: the sender waits for the taker, then removes its segment; colour: --keep leaves it.
         std::vector<std::string> args{"-s", server.socket(), "sample", "send", modality, in};
         if (channels == 3)
             args.push_back("--keep");
@@ -122,4 +122,26 @@ TEST(Tool, PngRoundTripThroughASample)
     EXPECT_EQ(tool({"sample", "send", modality, in, "-t", "1"}, server.socket()).status, 1);
     EXPECT_EQ(bmsg_test::redis_raw(server, "LLEN %s", list.c_str()), "0");
     EXPECT_EQ(shm_unlink(segment.c_str()), -1);
+}
+
+// One grey byte per pixel from the other formats; PGM and PPM files, scaled to 255 or cut short.
+TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
+{
+    using B = std::vector<unsigned char>;
+    picture::Picture p;
+    std::string why;
+    const struct { BImage::ImageFormat f; B group; unsigned char grey; } formats[] = {{BImage::YUYV, {90, 1}, 90},
+        {BImage::GRAY16, {1, 200}, 200}, {BImage::BGR24, {10, 20, 200}, 73}, {BImage::RGBA32, {200, 20, 10, 0}, 73}, {BImage::BGRA32, {10, 20, 200, 9}, 73}};
+    for (const auto& row : formats) {
+        BImage::Image image(2, 2, row.f, nullptr);
+        for (int i = 0; i < image.count(); ++i)
+            image.data[i] = row.group[i % row.group.size()];
+        EXPECT_TRUE(picture::from_image(image, p) && p.pixels == B(4, row.grey)) << row.f;
+    }
+    const std::string file = testing::TempDir() + "bmsg-pnm-" + std::to_string(getpid());
+    for (const auto& [bytes, pixels] : std::vector<std::pair<std::string, B>>{{"P5\n2 1\n127\n\x7f\x3f", {255, 126}}, {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}}) {
+        std::ofstream(file, std::ios::binary) << bytes;
+        EXPECT_EQ(picture::read_file(file, p, why) ? p.pixels : B{}, pixels) << bytes;
+    }
+    unlink(file.c_str());
 }
