@@ -51,7 +51,7 @@ void add_bus_commands(CLI::App& app, Action& action)
     static int seconds = -1;
 
     on_bus(app.add_subcommand("ping", "Check that the server answers"), action, [](bMSG::Messager& bus) {
-        redisReply* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING"));
+        bmsg_tool::Reply reply(static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING")));
         if (!reply)
             return fail("no answer to PING");
         const bool pong = reply->type == REDIS_REPLY_STATUS;
@@ -59,7 +59,6 @@ void add_bus_commands(CLI::App& app, Action& action)
             fail(std::string("PING refused: ") + reply->str);
         else
             puts(pong ? reply->str : "unexpected reply");
-        freeReplyObject(reply);
         return pong ? 0 : 1;
     });
 
@@ -67,10 +66,9 @@ void add_bus_commands(CLI::App& app, Action& action)
     get->add_option("KEY", key)->required();
     on_bus(get, action, [](bMSG::Messager& bus) {
         // Messager::get cannot tell a missing key from an empty value.
-        auto* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "GET %s", key.c_str()));
+        bmsg_tool::Reply reply(static_cast<redisReply*>(redisCommand(bus.redis_context(), "GET %s", key.c_str())));
         if (!reply)
             return fail("no answer to GET");
-        const std::unique_ptr<redisReply, void (*)(void*)> owned(reply, freeReplyObject);
         if (reply->type != REDIS_REPLY_STRING)  // nil, or an error such as WRONGTYPE
             return fail(reply->type == REDIS_REPLY_ERROR ? key + ": " + reply->str
                                                          : "no setting " + key);

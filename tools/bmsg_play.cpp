@@ -64,13 +64,12 @@ std::string replay(bMSG::Messager& bus, const recording::Event& e)
         return send_sample(bus, e);
     const char* argv[] = {e.command.c_str(), e.name.data(), e.payload.data()};
     const size_t lengths[] = {e.command.size(), e.name.size(), e.payload.size()};
-    auto* reply = static_cast<redisReply*>(redisCommandArgv(bus.redis_context(), 3, argv, lengths));
+    Reply reply(static_cast<redisReply*>(redisCommandArgv(bus.redis_context(), 3, argv, lengths)));
     if (!reply)
         return "lost the server";
     const std::string why = reply->type == REDIS_REPLY_ERROR
                                 ? e.command + " " + e.name + ": " + std::string(reply->str, reply->len)
                                 : "";
-    freeReplyObject(reply);
     return why;
 }
 

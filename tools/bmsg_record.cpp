@@ -224,14 +224,13 @@ struct Recorder {
                     break;
                 continue;
             }
-            auto* reply = static_cast<redisReply*>(r);
+            Reply reply(static_cast<redisReply*>(r));
             int64_t time_us = 0;
             if (reply->type == REDIS_REPLY_STATUS &&
                 parse_line(std::string_view(reply->str, reply->len), time_us, args))
                 handle(time_us, args, events);
             else if (reply->type == REDIS_REPLY_ERROR)
                 why = std::string(reply->str, reply->len);
-            freeReplyObject(reply);
             if (!events.empty()) {
                 std::lock_guard<std::mutex> hold(lock);
                 for (auto& e : events)
@@ -277,10 +276,9 @@ int record(const Options& o)
     if (!file)
         return fail(output + ": " + error);
     redisContext* c = bus->redis_context();
-    auto* reply = static_cast<redisReply*>(redisCommand(c, "MONITOR"));
+    Reply reply(static_cast<redisReply*>(redisCommand(c, "MONITOR")));
     const bool watching = reply && reply->type == REDIS_REPLY_STATUS;
     const std::string refused = reply && reply->type == REDIS_REPLY_ERROR ? reply->str : "no answer";
-    freeReplyObject(reply);
     if (!watching)
         return fail("MONITOR refused: " + refused);
 

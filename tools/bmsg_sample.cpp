@@ -24,12 +24,11 @@ constexpr int send_wait_default = 10;
 // later); -1 when the server gave no usable answer.
 int queued(bMSG::Messager& bus, const std::string& key, const unsigned char* descriptor)
 {
-    auto* reply = static_cast<redisReply*>(redisCommand(bus.redis_context(), "LPOS %s %b", key.c_str(),
-                                                        descriptor, size_t{BImage::Image::header_size}));
+    Reply reply(static_cast<redisReply*>(redisCommand(bus.redis_context(), "LPOS %s %b", key.c_str(),
+                                                        descriptor, size_t{BImage::Image::header_size})));
     if (!reply)
         return -1;
     const int rc = reply->type == REDIS_REPLY_INTEGER ? 1 : reply->type == REDIS_REPLY_NIL ? 0 : -1;
-    freeReplyObject(reply);
     return rc;
 }
 
@@ -48,10 +47,9 @@ int wait_taken(bMSG::Messager& bus, const std::string& key, const unsigned char*
         return fail("cannot follow the sample on " + key + ": LPOS failed; segment kept");
     }
     if (rc == 1) {
-        auto* reply = static_cast<redisReply*>(redisCommand(
-            bus.redis_context(), "LREM %s 1 %b", key.c_str(), descriptor, size_t{BImage::Image::header_size}));
+        Reply reply(static_cast<redisReply*>(redisCommand(
+            bus.redis_context(), "LREM %s 1 %b", key.c_str(), descriptor, size_t{BImage::Image::header_size})));
         const bool withdrawn = reply && reply->type == REDIS_REPLY_INTEGER && reply->integer == 1;
-        freeReplyObject(reply);
         if (withdrawn)
             return fail("no receiver took the sample within " + std::to_string(limit) + " s");
     }

@@ -5,6 +5,7 @@
 #include "bmessager.h"
 
 #include <CLI/CLI.hpp>
+#include <hiredis/hiredis.h>
 
 #include <cstdint>
 #include <functional>
@@ -32,6 +33,12 @@ using Action = std::function<int(const Options&)>;
 // (set_error_replies), or null after a one-line message on stderr. Checks
 // that something listens first (a few seconds at most), so a missing server
 // fails at once instead of going through the library's retry pauses.
+struct ReplyFree {
+    void operator()(redisReply* r) const { freeReplyObject(r); }
+};
+// Owns one reply to a command the tool sends itself; freed on every path.
+using Reply = std::unique_ptr<redisReply, ReplyFree>;
+
 std::unique_ptr<bMSG::Messager> open_bus(const Options& options);
 
 // Prints "bmsg: <message>" on stderr; returns 1, the exit status of a failed

@@ -43,8 +43,8 @@ bool sample_lists(bMSG::Messager& bus, std::vector<std::string>& keys)
     const std::string pattern = std::string(bus.bio_sample) + "*";
     std::string cursor = "0";
     do {
-        auto* reply = static_cast<redisReply*>(redisCommand(
-            bus.redis_context(), "SCAN %s MATCH %s COUNT 1000", cursor.c_str(), pattern.c_str()));
+        Reply reply(static_cast<redisReply*>(redisCommand(
+            bus.redis_context(), "SCAN %s MATCH %s COUNT 1000", cursor.c_str(), pattern.c_str())));
         if (!reply)
             return false;
         const bool ok = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
@@ -54,7 +54,6 @@ bool sample_lists(bMSG::Messager& bus, std::vector<std::string>& keys)
                 if (reply->element[1]->element[i]->type == REDIS_REPLY_STRING)
                     keys.push_back(reply->element[1]->element[i]->str);
         }
-        freeReplyObject(reply);
         if (!ok)
             return false;
     } while (cursor != "0");
