@@ -27,11 +27,15 @@ void sleep_ms(int milliseconds)
 void report(const char* func, int line, const char* format, ...)
 {
     fprintf(stderr, "bMSG ERROR %s[%d]:", func, line);
+    // Reports come from several threads (subscriptions, senders): the message and its
+    // line break are one unit on stdout, so two reports never share a line.
+    flockfile(stdout);
     va_list ap;
     va_start(ap, format);
     vprintf(format, ap);
     va_end(ap);
     putchar('\n');
+    funlockfile(stdout);
     fflush(stderr);
 }
 

@@ -80,7 +80,7 @@ std::string consume(const RedisServer& server, const std::string& modality)
 TEST(Record, ExchangeRecordedExportedAndPlayedBack)
 {
     RedisServer plain, recorded, fresh;
-    const std::string modality = "rec" + std::to_string(getpid()), file = recorded.dir() + "/rec.db";
+    const std::string modality = bmsg_test::unique("rec"), file = recorded.dir() + "/rec.db";
     BImage::Image image(64, 48, BImage::GRAY8, nullptr);
     for (int i = 0; i < image.count(); ++i) image.data[i] = static_cast<unsigned char>(i * 7);
     exchange(plain, modality, image);
@@ -121,7 +121,7 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
 TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
 {
     RedisServer server;
-    const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_none" + std::to_string(getpid());
+    const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_" + bmsg_test::unique("none");
     bmsg_test::Child rec = recorder(server, {"-o", file});
     bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2");
     bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());

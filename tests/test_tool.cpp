@@ -95,7 +95,7 @@ TEST(Tool, SubscribeToSeveralChannels)
 TEST(Tool, PngRoundTripThroughASample)
 {
     RedisServer server;
-    const std::string modality = "tool" + std::to_string(getpid()), in = server.dir() + "/in.png",
+    const std::string modality = bmsg_test::unique("tool"), in = server.dir() + "/in.png",
                       out = server.dir() + "/out.png";
     const std::string list = "BIOMETRIC_SAMPLE_" + modality, segment = "/" + list;
     for (int channels : {1, 3}) {
