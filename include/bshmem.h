@@ -60,8 +60,10 @@ public:
     // shorter, never shrunk. An object this one created that still has its
     // name is kept (its mutex is written again only when someone cut the
     // object below 48 bytes). Waits up to about one second for a creator
-    // that has not yet written the mutex. Throws std::runtime_error
-    // "Failed to create shared memory: <name>" (also when that wait ends),
+    // that has not yet written the mutex; an object still shorter than 48
+    // bytes after that was left by a creator that died there, and is
+    // removed and created anew (by one waiter; the others attach to it).
+    // Throws std::runtime_error "Failed to create shared memory: <name>",
     // "Failed to set size of shared memory" or "Failed to map shared memory";
     // a creator removes the name again on the last two.
     //
@@ -133,6 +135,7 @@ private:
     void map();
     void open_existing();
     void attach();
+    void replace_abandoned();
     void release();
 };
 

@@ -1,6 +1,7 @@
 #include "bshmem.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -184,8 +185,10 @@ void SharedMemory::attach()
         fail("Failed to create shared memory: " + name);
     // Another creator is between its O_EXCL open and its mutex write.
     for (int i = 0; !owner && length_of(fd) < header_size; ++i) {
-        if (i == 1000)
-            fail("Failed to create shared memory: " + name);
+        if (i == 1000) {
+            replace_abandoned();
+            return;
+        }
         usleep(1000);
     }
     // Grow, never shrink, under the mutex: a peer that maps the segment
@@ -209,6 +212,39 @@ void SharedMemory::attach()
     map();
     if (!addr)
         fail("Failed to map shared memory");
+}
+
+void SharedMemory::replace_abandoned()
+{
+    // A creator that has not written its 48 bytes within a second died
+    // between its open and its write: its empty object would stop every later
+    // sender. The first waiter to lock the dead object removes its name and
+    // creates the segment anew while holding that lock; waiters after it find
+    // the name replaced and attach to the new segment.
+    const int dead = fd;
+    fd = -1;
+    release();
+    if (flock(dead, LOCK_EX) != 0) {
+        ::close(dead);
+        throw std::runtime_error("Failed to create shared memory: " + name);
+    }
+    struct stat named, mine;
+    const int now = shm_open(name.c_str(), O_RDONLY, 0);
+    bool gone = true;  // the name no longer leads to the dead object
+    if (now != -1 && fstat(now, &named) == 0 && fstat(dead, &mine) == 0 &&
+        named.st_ino == mine.st_ino && named.st_dev == mine.st_dev && length_of(dead) < header_size)
+        gone = shm_unlink(name.c_str()) == 0;  // another user's object may not be ours to remove
+    if (now != -1)
+        ::close(now);
+    try {
+        if (!gone)
+            throw std::runtime_error("Failed to create shared memory: " + name);
+        create();
+    } catch (...) {
+        ::close(dead);
+        throw;
+    }
+    ::close(dead);
 }
 
 bool SharedMemory::current() const
