@@ -52,7 +52,7 @@ long long counted(const std::string& file, const std::string& kind, const std::s
 void exchange(const RedisServer& server, const std::string& modality, BImage::Image& image)
 {
     bMSG::Messager m(server.socket().c_str(), 0, 1);
-    m.bio_cmd_send("%s", "capture:1"), m.device_cmd_send("%s", "reset"), m.bio_info_send("%s", "finger present");
+    m.bio_cmd_send("%s", "capture:1"), m.device_cmd_send("%s", "reset"), m.bio_info_send("%s", "finger present \xe2\x9c\x93 \xed\xa0\x80");
     m.list_send(m.bio_cmd, "%b", every_byte.data(), every_byte.size());
     m.system_publish("%s", "capturing"), m.publish(m.system_status, "%s", "idle"), m.set("exposure", 2.5f);
     m.bio_resp_send("%s", "captured 1");
@@ -96,16 +96,18 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
         {"push", "MAIN_BIOMETRIC_INFO", 1}, {"push", "BIOMETRIC_RESP", 1}, {"publish", "SYSTEM_STATUS", 2}, {"set", "exposure", 1}};
     for (const auto& row : rows)
         EXPECT_EQ(counted(file, row.kind, row.name), row.count) << row.kind << " " << row.name;
-    EXPECT_NE(tool({"info", file}).out.find("64x48 GRAY8 1 samples, 0 missed"), std::string::npos);
+    const std::string info = tool({"info", file}).out;
+    EXPECT_TRUE(info.find("pixels recorded") != std::string::npos && info.find("64x48 GRAY8 1 samples, 0 missed") != std::string::npos) << info;
 
     const std::string dir = recorded.dir() + "/export";
     ASSERT_EQ(tool({"export", file, "-o", dir}).status, 0);
     picture::Picture png; std::string error;
     ASSERT_TRUE(picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
     EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u);
-    std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 as lone surrogates
+    std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 (a surrogate too) as lone surrogates
     jsonl << std::ifstream(dir + "/events.jsonl").rdbuf();
-    EXPECT_TRUE(jsonl.str().find("\\u001f !\\\"#") != std::string::npos && jsonl.str().find("~\\u007f\\udc80\\udc81") != std::string::npos);
+    for (const char* text : {"\\u001f !\\\"#", "~\\u007f\\udc80\\udc81", "present \xe2\x9c\x93 \\udced\\udca0\\udc80\""})
+        EXPECT_NE(jsonl.str().find(text), std::string::npos) << text;
 
     // Played into a fresh server: the same to its consumer (pixels through the player's segment).
     shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
