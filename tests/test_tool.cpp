@@ -61,12 +61,8 @@ TEST(Tool, CommandsInOrder)
 
     // -t 0 waits for ever.
     bmsg_test::Child pop = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "pop", "cmd", "-t", "0"});
-    ASSERT_TRUE(bmsg_test::wait_until([&] {
-        return bmsg_test::redis_raw(server, "INFO clients").find("blocked_clients:1") != std::string::npos;
-    }));
-    EXPECT_EQ(tool({"push", "cmd", "late"}, server.socket()).status, 0);
-    EXPECT_EQ(pop.wait(), 0);
-    EXPECT_EQ(pop.out(), "late\n");
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return bmsg_test::redis_raw(server, "INFO clients").find("blocked_clients:1") != std::string::npos; }));
+    EXPECT_TRUE(tool({"push", "cmd", "late"}, server.socket()).status == 0 && pop.wait() == 0 && pop.out() == "late\n") << pop.out();
 }
 
 TEST(Tool, MissingServerFailsAtOnceWithOneLine)
