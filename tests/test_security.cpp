@@ -15,14 +15,12 @@ TEST(Roles, EachDoesTheDemosExchangeAndIsRefusedTheRest)
 {
     bmsg_test::AclServer acl;
     std::map<std::string, std::unique_ptr<Messager>> as;
-    for (auto& [user, pw] : acl.passwords) {
-        as[user] = std::make_unique<Messager>(acl.server->socket().c_str(), 0, 1, user.c_str(), pw.c_str());
-        as[user]->set_error_replies(true);
-    }
+    for (auto& [user, pw] : acl.passwords)
+        (as[user] = std::make_unique<Messager>(acl.server->socket().c_str(), 0, 1, user.c_str(), pw.c_str()))->set_error_replies(true);
     Messager &control = *as["control"], &capture = *as["capture"], &consumer = *as["consumer"], &field = *as["fieldtool"], &recorder = *as["recorder"];
     std::atomic<int> statuses{0};
     bMSG::Subscription sub(control, {"SYSTEM_STATUS"}, [&](const char*, const char*, size_t, void*) { ++statuses; });
-    const std::string m = "acl" + std::to_string(getpid()), list = "BIOMETRIC_SAMPLE_" + m;
+    const std::string m = bmsg_test::unique("acl"), list = "BIOMETRIC_SAMPLE_" + m;
     BImage::Image image(4, 2, BImage::GRAY8, nullptr), back(0, 0, BImage::GRAY8, nullptr);
     char s[64];
     const int done[] = {control.set("mode", "enroll"), control.get("mode", s, 64), control.bio_cmd_send("%s", "capture:1"),

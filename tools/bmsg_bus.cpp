@@ -155,10 +155,6 @@ std::string now_text()
     return text;
 }
 
-namespace {
-
-// Length of the well-formed UTF-8 sequence of two to four bytes at p (no
-// overlong form, surrogate or code point past U+10FFFF), else 0.
 size_t utf8_length(const unsigned char* p, size_t left)
 {
     size_t n = 0;
@@ -176,8 +172,6 @@ size_t utf8_length(const unsigned char* p, size_t left)
             return 0;
     return n;
 }
-
-} // namespace
 
 std::string escaped(const char* bytes, size_t length)
 {

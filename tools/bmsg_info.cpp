@@ -104,15 +104,7 @@ std::string json(const std::string& bytes)
     char hex[8];
     for (size_t i = 0; i < n;) {
         const unsigned char c = p[i];
-        size_t len = c < 0x80 ? 1 : (c >= 0xc2 && c <= 0xdf) ? 2 : (c >= 0xe0 && c <= 0xef) ? 3
-                                  : (c >= 0xf0 && c <= 0xf4) ? 4 : 0;
-        for (size_t k = 1; k < len; ++k)
-            if (i + k >= n || (p[i + k] & 0xc0) != 0x80)
-                len = 0;
-        // Overlong forms, surrogates and code points past U+10FFFF.
-        if ((len == 3 && ((c == 0xe0 && p[i + 1] < 0xa0) || (c == 0xed && p[i + 1] >= 0xa0))) ||
-            (len == 4 && ((c == 0xf0 && p[i + 1] < 0x90) || (c == 0xf4 && p[i + 1] >= 0x90))))
-            len = 0;
+        const size_t len = c < 0x80 ? 1 : utf8_length(p + i, n - i);
         if (len == 0) {
             snprintf(hex, sizeof hex, "\\udc%02x", c);
             out += hex;

@@ -52,6 +52,11 @@ std::string list_key(const std::string& name);
 // "HH:MM:SS.mmm", local time.
 std::string now_text();
 
+// Length of the well-formed UTF-8 sequence of two to four bytes at p, of
+// which `left` are there (no overlong form, surrogate or code point past
+// U+10FFFF), else 0.
+size_t utf8_length(const unsigned char* p, size_t left);
+
 // The bytes as one line of text: well-formed UTF-8 and printable ASCII as
 // they are; backslash, newline, tab and carriage return as C escapes; any other
 // byte as \xNN.
