@@ -127,10 +127,17 @@ int play(const Options& o)
         if (!read)
             failed = error;
     } while (loop && total > 0 && failed.empty() && !stop_requested);
-    // Receivers may still be reading the last samples when this process
-    // ends: the segments stay, as after `bmsg sample send`.
-    for (auto& segment : bus->segments)
-        segment.second->owner = false;
+    // A segment with samples still queued stays for their receivers; the
+    // others go with the bus, after a moment for a receiver that has just
+    // popped a descriptor and still has to open the segment.
+    bool taken = false;
+    for (auto& [modality, segment] : bus->segments) {
+        const bool queued = bus->list_size((bus->bio_sample + modality).c_str()) != 0;
+        segment->owner = segment->owner && !queued;
+        taken = taken || !queued;
+    }
+    if (taken)
+        std::this_thread::sleep_for(std::chrono::seconds(1));
     printf("%splayed %lld events\n", terminal ? "\r\x1b[K" : "", played);
     if (!failed.empty())
         return fail(failed);
