@@ -21,6 +21,9 @@ using bmsg_test::RedisServer;
 namespace {
 
 std::string every_byte = [] { std::string b(256, 0); std::iota(b.begin(), b.end(), 0); return b; }();
+// Well-formed UTF-8 at its ranges' edges beside ill-formed neighbours (overlong, surrogate, past U+10FFFF); its JSON.
+const char* utf8_edges = "\xc2\x80 \xc1\xbf \xe0\xa0\x80 \xe0\x9f\xbf \xed\x9f\xbf \xed\xa0\x80 \xf0\x90\x80\x80 \xf0\x8f\xbf\xbf \xf4\x8f\xbf\xbf \xf4\x90\x80\x80";
+const char* utf8_json = "\"\xc2\x80 \\udcc1\\udcbf \xe0\xa0\x80 \\udce0\\udc9f\\udcbf \xed\x9f\xbf \\udced\\udca0\\udc80 \xf0\x90\x80\x80 \\udcf0\\udc8f\\udcbf\\udcbf \xf4\x8f\xbf\xbf \\udcf4\\udc90\\udc80\\udc80\"";
 
 bmsg_test::Captured tool(const std::vector<std::string>& args)
 {
@@ -52,10 +55,9 @@ long long counted(const std::string& file, const std::string& kind, const std::s
 void exchange(const RedisServer& server, const std::string& modality, BImage::Image& image)
 {
     bMSG::Messager m(server.socket().c_str(), 0, 1);
-    m.bio_cmd_send("%s", "capture:1"), m.device_cmd_send("%s", "reset"), m.bio_info_send("%s", "finger present \xe2\x9c\x93 \xed\xa0\x80");
-    m.list_send(m.bio_cmd, "%b", every_byte.data(), every_byte.size());
+    m.bio_cmd_send("%s", "capture:1"), m.device_cmd_send("%s", "reset"), m.bio_info_send("%s", utf8_edges);
+    m.list_send(m.bio_cmd, "%b", every_byte.data(), every_byte.size()), m.bio_resp_send("%s", "captured 1");
     m.system_publish("%s", "capturing"), m.publish(m.system_status, "%s", "idle"), m.set("exposure", 2.5f);
-    m.bio_resp_send("%s", "captured 1");
     ASSERT_EQ(m.bio_sample_send(modality.c_str(), &image), 0);
     m.segments[modality]->owner = false;
 }
@@ -104,9 +106,9 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     picture::Picture png; std::string error;
     ASSERT_TRUE(picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
     EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u);
-    std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 (a surrogate too) as lone surrogates
+    std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 as lone surrogates
     jsonl << std::ifstream(dir + "/events.jsonl").rdbuf();
-    for (const char* text : {"\\u001f !\\\"#", "~\\u007f\\udc80\\udc81", "present \xe2\x9c\x93 \\udced\\udca0\\udc80\""})
+    for (const char* text : {"\\u001f !\\\"#", "~\\u007f\\udc80\\udc81", utf8_json})
         EXPECT_NE(jsonl.str().find(text), std::string::npos) << text;
 
     // Played into a fresh server: the same to its consumer (pixels through the player's segment).
@@ -128,8 +130,7 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     RedisServer server;
     const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_" + bmsg_test::unique("none");
     bmsg_test::Child rec = recorder(server, {"-o", file});
-    bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2");
-    bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
+    bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2"), bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
     ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", key) == 1; }));
     rec.kill(SIGKILL), rec.wait();
     struct stat db = {}, wal = {};

@@ -48,15 +48,14 @@ TEST(SharedMemory, OnlyTheCreatorUnlinksCopiesWaitForAnotherProcessAndADeadOwner
         EXPECT_TRUE(exists(name)) << "a process that did not create it left the name";
     }
     EXPECT_FALSE(exists(name)) << "the creator's destructor unlinks";
-    {  // A creator died between its open and its mutex write: two senders replace its empty object once.
-        const std::string abandoned = unique_name("abandoned");
-        close(shm_open(abandoned.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600));
-        std::unique_ptr<SharedMemory> a, b;
-        std::thread other([&] { b = std::make_unique<SharedMemory>(abandoned, 8, true); });
-        a = std::make_unique<SharedMemory>(abandoned, 8, true);
-        other.join();
-        EXPECT_TRUE((a->write("x", 1, 0), a->owner != b->owner) && text(*b, 1) == "x" && !a->replaced() && !b->replaced());
-    }
+    // A creator died between its open and its mutex write: two senders replace its empty object once.
+    const std::string abandoned = unique_name("abandoned");
+    close(shm_open(abandoned.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600));
+    std::unique_ptr<SharedMemory> a, b;
+    std::thread other([&] { b = std::make_unique<SharedMemory>(abandoned, 8, true); });
+    a = std::make_unique<SharedMemory>(abandoned, 8, true);
+    other.join();
+    EXPECT_TRUE((a->write("x", 1, 0), a->owner != b->owner) && text(*b, 1) == "x" && !a->replaced() && !b->replaced());
     if (!bmsg_test::robust_futexes())
         GTEST_SKIP() << "this platform has no robust futexes (get_robust_list: ENOSYS)";
     SharedMemory seg(name, 8, true);
