@@ -11,8 +11,6 @@
 #include <fstream>
 #include <regex>
 
-using bmsg_test::RedisServer;
-
 using Ran = bmsg_test::Captured;
 
 static Ran tool(std::vector<std::string> args, const std::string& socket = "")
@@ -25,7 +23,7 @@ static Ran tool(std::vector<std::string> args, const std::string& socket = "")
 
 TEST(Tool, CommandsInOrder)
 {
-    RedisServer server;
+    bmsg_test::RedisServer server;
     // Hundreds of keys: more than 64 in one SCAN reply of watch.
     bmsg_test::redis_raw(server, "EVAL %s 0", "for i = 1, 300 do redis.call('SET', 'k' .. i, i) "
         "redis.call('LPUSH', 'BIOMETRIC_SAMPLE_m' .. i, 'x') end redis.call('LPUSH', "
@@ -76,7 +74,7 @@ TEST(Tool, MissingServerFailsAtOnceWithOneLine)
 
 TEST(Tool, SubscribeToSeveralChannels)
 {
-    RedisServer server;
+    bmsg_test::RedisServer server;
     bmsg_test::Child sub = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "subscribe", "A", "B", "-n", "3"});
     ASSERT_TRUE(bmsg_test::wait_subscribers(server, "A", 1) && bmsg_test::wait_subscribers(server, "B", 1));
     const std::string subscribers = bmsg_test::redis_raw(server, "CLIENT LIST TYPE pubsub");
@@ -90,7 +88,7 @@ TEST(Tool, SubscribeToSeveralChannels)
 
 TEST(Tool, PngRoundTripThroughASample)
 {
-    RedisServer server;
+    bmsg_test::RedisServer server;
     const std::string modality = bmsg_test::unique("tool"), in = server.dir() + "/in.png",
                       out = server.dir() + "/out.png";
     const std::string list = "BIOMETRIC_SAMPLE_" + modality, segment = "/" + list;
@@ -135,7 +133,8 @@ TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
         EXPECT_TRUE(picture::from_image(image, p) && p.pixels == B(4, row.grey)) << row.f;
     }
     const std::string file = testing::TempDir() + "bmsg-pnm-" + std::to_string(getpid());
-    for (const auto& [bytes, pixels] : std::vector<std::pair<std::string, B>>{{"P5\n2 1\n127\n\x7f\x3f", {255, 126}}, {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}}) {
+    for (const auto& [bytes, pixels] : std::vector<std::pair<std::string, B>>{{"P5\n2 1\n127\n\x7f\x3f", {255, 126}},
+             {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}, {"P5 1 1 65535 \x01\x02", {}}}) {
         std::ofstream(file, std::ios::binary) << bytes;
         EXPECT_EQ(picture::read_file(file, p, why) ? p.pixels : B{}, pixels) << bytes;
     }
