@@ -23,8 +23,7 @@ const std::string standard = "Accept: */*\r\nUser-Agent: Wget/1.14 (gnu-linux)\r
 std::string err(int error, int state) { return "error " + std::to_string(error) + "/" + std::to_string(state); }
 
 // What the callbacks saw, in order: "<status> <body>", "error <error>/<state>".
-std::string call(bHttpClient& c, Op op, const std::string& path, const char* body = nullptr,
-                 size_t length = 0)
+std::string call(bHttpClient& c, Op op, const std::string& path, const char* body = nullptr, size_t length = 0)
 {
     std::string seen;
     auto on_response = [&](const char* s, const void* b, size_t n) { seen += s + (" " + std::string(static_cast<const char*>(b), n)); };

@@ -102,9 +102,8 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     EXPECT_TRUE(info.find("pixels recorded") != std::string::npos && info.find("64x48 GRAY8 1 samples, 0 missed") != std::string::npos) << info;
 
     const std::string dir = recorded.dir() + "/export";
-    ASSERT_EQ(tool({"export", file, "-o", dir}).status, 0);
     picture::Picture png; std::string error;
-    ASSERT_TRUE(picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
+    ASSERT_TRUE(tool({"export", file, "-o", dir}).status == 0 && picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
     EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u);
     std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 as lone surrogates
     jsonl << std::ifstream(dir + "/events.jsonl").rdbuf();
@@ -129,13 +128,15 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
 {
     RedisServer server;
     const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_" + bmsg_test::unique("none");
-    bmsg_test::Child rec = recorder(server, {"-o", file});
-    bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2"), bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
+    bmsg_test::Child rec = recorder(server, {"-o", file, "SYSTEM_*"});  // named and sample lists, and those that match
+    bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2"), bmsg_test::redis_raw(server, "LPUSH other y");
+    bmsg_test::redis_raw(server, "LPUSH SYSTEM_LOG z"), bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
     ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", key) == 1; }));
     rec.kill(SIGKILL), rec.wait();
     struct stat db = {}, wal = {};
     EXPECT_TRUE(!stat(file.c_str(), &db) && !stat((file + "-wal").c_str(), &wal) && (db.st_mode & 0777) == 0600 && (wal.st_mode & 0777) == 0600);
-    EXPECT_TRUE(counted(file, "push", "BIO_CMD") == 3 && tool({"info", file}).out.find("cut short") != std::string::npos);
+    EXPECT_TRUE(counted(file, "push", "BIO_CMD") == 3 && counted(file, "push", "SYSTEM_LOG") == 1 && counted(file, "push", "other") == -1);
+    EXPECT_NE(tool({"info", file}).out.find("cut short"), std::string::npos);
     std::ofstream(server.dir() + "/text.db") << "not a database\n";
 
     // Exit status 2 on bad usage, 1 when the work fails (one line on stderr).
