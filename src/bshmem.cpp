@@ -101,6 +101,12 @@ bool write_mutex(int fd)
     return pwrite(fd, block, sizeof block, 0) == static_cast<ssize_t>(sizeof block);
 }
 
+// A descriptor closed when it goes out of scope.
+struct Descriptor {
+    int fd;
+    ~Descriptor() { ::close(fd); }
+};
+
 uint64_t length_of(int fd)
 {
     struct stat st;
@@ -218,33 +224,19 @@ void SharedMemory::replace_abandoned()
 {
     // A creator that has not written its 48 bytes within a second died
     // between its open and its write: its empty object would stop every later
-    // sender. The first waiter to lock the dead object removes its name and
-    // creates the segment anew while holding that lock; waiters after it find
-    // the name replaced and attach to the new segment.
-    const int dead = fd;
-    fd = -1;
-    release();
-    if (flock(dead, LOCK_EX) != 0) {
-        ::close(dead);
+    // sender. The first waiter to lock the dead object removes its name (when
+    // it still names that object and it is still short) and creates the
+    // segment anew while holding that lock; waiters after it find the name
+    // replaced and attach to the new segment. Another user's object may not
+    // be ours to remove.
+    if (flock(fd, LOCK_EX) != 0 || (!replaced() && length_of(fd) < header_size &&
+                                    shm_unlink(name.c_str()) != 0 && errno != ENOENT)) {
+        release();
         throw std::runtime_error("Failed to create shared memory: " + name);
     }
-    struct stat named, mine;
-    const int now = shm_open(name.c_str(), O_RDONLY, 0);
-    bool gone = true;  // the name no longer leads to the dead object
-    if (now != -1 && fstat(now, &named) == 0 && fstat(dead, &mine) == 0 &&
-        named.st_ino == mine.st_ino && named.st_dev == mine.st_dev && length_of(dead) < header_size)
-        gone = shm_unlink(name.c_str()) == 0;  // another user's object may not be ours to remove
-    if (now != -1)
-        ::close(now);
-    try {
-        if (!gone)
-            throw std::runtime_error("Failed to create shared memory: " + name);
-        create();
-    } catch (...) {
-        ::close(dead);
-        throw;
-    }
-    ::close(dead);
+    const Descriptor dead{fd};  // open, and so locked, until create() is done
+    fd = -1;
+    create();
 }
 
 bool SharedMemory::current() const
