@@ -238,20 +238,15 @@ int Messager::list_recv(const char* key, char* buffer, int size, int timeout, ch
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2)
         return 0;
 
+    const redisReply* from = r->element[0];
     const redisReply* value = r->element[1];
-    if (value->type != REDIS_REPLY_STRING)
+    if (from->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING)
         return -6;
     if (!fits(value->len, size))
         return -5;
     if (value->len)
         memcpy(buffer, value->str, value->len);
-    const int result = static_cast<int>(value->len);
-    if (!key_out || key_size <= 0)
-        return result;
-    const redisReply* from = r->element[0];
-    if (from->type != REDIS_REPLY_STRING)
-        return -6;
-    return write_key(key_out, key_size, from->str, result);
+    return write_key(key_out, key_size, from->str, static_cast<int>(value->len));
 }
 
 int Messager::list_size(const char* key)
@@ -329,10 +324,8 @@ int Messager::publish(const char* channel, const char* format, ...)
     va_start(ap, format);
     Reply r = vcommand(context, cmd, ap);
     va_end(ap);
-    if (!r) {
+    if (!r)
         BMSG_REPORT("publish", "publish error: %s", "reply is NULL");
-        return -2;
-    }
     if (const int rc = verdict(r.get(), -2))
         return rc;
     const int receivers = static_cast<int>(r->integer);
