@@ -290,6 +290,16 @@ TEST(ScriptedPeer, SubscribeHandsOnOnlyMessageArraysOfStrings)
     EXPECT_EQ(got, (std::vector<std::string>{"C=one", "C=two"}));
 }
 
+// A key element that is not a string would reach snprintf as a null pointer.
+TEST(ScriptedPeer, ListRecvTakesOnlyAPairOfStrings)
+{
+    FakeRedis peer;
+    for (const char* reply : {"*2\r\n:1\r\n$1\r\nv\r\n", "*2\r\n$1\r\nL\r\n*0\r\n"}) {
+        peer.reply(reply);
+        EXPECT_EQ(M(peer.socket().c_str(), 0, 1).list_recv("L", buf, 8, 1, key, sizeof key), -6) << reply;
+    }
+}
+
 #if HIREDIS_MAJOR >= 1  // 0.14 has no bound on declared lengths
 TEST(ScriptedPeer, HugeDeclaredArrayIsRefusedBeforeAnyAllocation)
 {

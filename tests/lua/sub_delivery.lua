@@ -52,6 +52,10 @@ t.same("unsubscribe of an ended subscription", { true }, m.unsubscribe(he))
 m:publish("news", "dropped")
 t.same("unsubscribe", { true }, t.unsubscribe_live(m, h, "news"))
 for _, f in ipairs({ m.check, m.unsubscribe }) do t.same("stale handle", { n = 2, nil, "sub_data is invalid" }, f(h)) end
+local weak = setmetatable({ function(...) record(...) end }, { __mode = "v" })
+t.unsubscribe_live(m, subscribe("weak", weak[1]), "weak")
+collectgarbage()
+t.eq(weak[1], nil, "unsubscribe lets go of the callback")
 
 -- Reports: failing callbacks (the next message is still delivered), and a
 -- subscription thread that cannot connect (it delivers nothing and ends).
