@@ -168,6 +168,14 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
             EXPECT_EQ(queued(server, row.m), 0);
         }
     EXPECT_TRUE((redis_raw(server, "LPUSH %s %b", key(s).c_str(), h64.data(), h64.size()), take(sender, view, s)) == -9 && segment_exists(s)) << "kept";
+    {  // Its name removed and taken by a second sender: the first follows, and no longer owns the name.
+        bMSG::Messager second(server.socket().c_str(), 0, 1);
+        auto first = std::make_unique<bMSG::Messager>(server.socket().c_str(), 0, 1);
+        ASSERT_TRUE(first->bio_sample_send(o.c_str(), &small) == 0 && first->list_clear(key(o).c_str()) == 1 && !shm_unlink(("/" + key(o)).c_str()));
+        ASSERT_TRUE(second.bio_sample_send(o.c_str(), &stamp(big, 3)) == 0 && take(*first, view, o, 3) == 1);
+        first.reset();
+        EXPECT_TRUE(segment_exists(o));
+    }
     char out[8] = "none";  // no modality: nothing to wait on
     EXPECT_TRUE(!sender.bio_sample_recv(std::vector<const char*>{}, 0, out, sizeof out) && !sender.bio_sample_view({}, 0, nullptr));
 
