@@ -128,6 +128,7 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
 {
     RedisServer server;
     const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_" + bmsg_test::unique("none");
+    const mode_t umask_was = umask(0277);  // the recorder's file stays writable to it whatever the umask
     bmsg_test::Child rec = recorder(server, {"-o", file, "SYSTEM_*"});  // named and sample lists, and those that match
     bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2"), bmsg_test::redis_raw(server, "LPUSH other y");
     bmsg_test::redis_raw(server, "LPUSH SYSTEM_LOG z"), bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
@@ -137,6 +138,7 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     EXPECT_TRUE(!stat(file.c_str(), &db) && !stat((file + "-wal").c_str(), &wal) && (db.st_mode & 0777) == 0600 && (wal.st_mode & 0777) == 0600);
     EXPECT_TRUE(counted(file, "push", "BIO_CMD") == 3 && counted(file, "push", "SYSTEM_LOG") == 1 && counted(file, "push", "other") == -1);
     EXPECT_NE(tool({"info", file}).out.find("cut short"), std::string::npos);
+    umask(umask_was);
     std::ofstream(server.dir() + "/text.db") << "not a database\n";
 
     // Exit status 2 on bad usage, 1 when the work fails (one line on stderr).

@@ -134,9 +134,9 @@ TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
     }
     const std::string file = testing::TempDir() + "bmsg-pnm-" + std::to_string(getpid());
     for (const auto& [bytes, pixels] : std::vector<std::pair<std::string, B>>{{"P5\n2 1\n127\n\x7f\x3f", {255, 126}},
-             {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}, {"P5 1 1 65535 \x01\x02", {}}}) {
+             {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}, {"P5 1 1 65535 \x01\x02", {}}, {"P5 1 0 255 ", {}}}) {
         std::ofstream(file, std::ios::binary) << bytes;
-        EXPECT_EQ(picture::read_file(file, p, why) ? p.pixels : B{}, pixels) << bytes;
+        EXPECT_TRUE(picture::read_file(file, p, why) == !pixels.empty() && (pixels.empty() || p.pixels == pixels)) << bytes;
     }
     unlink(file.c_str());
 }
