@@ -121,14 +121,13 @@ size_t unwrapped_bytes(BImage::ImageFormat format, size_t pixels)
 bool read_file(const std::string& path, Picture& out, std::string& error)
 {
     unsigned char signature[8] = {};
-    FILE* f = fopen(path.c_str(), "rb");
-    if (!f) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
         error = strerror(errno);
         return false;
     }
-    const size_t n = fread(signature, 1, sizeof signature, f);
-    fclose(f);
-    if (n == sizeof signature && png_sig_cmp(signature, 0, sizeof signature) == 0)
+    in.read(reinterpret_cast<char*>(signature), sizeof signature);
+    if (in.gcount() == sizeof signature && png_sig_cmp(signature, 0, sizeof signature) == 0)
         return read_png(path, out, error);
     return read_pnm(path, out, error);
 }
