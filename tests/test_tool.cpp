@@ -132,6 +132,8 @@ TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
             image.data[i] = row.group[i % row.group.size()];
         EXPECT_TRUE(picture::from_image(image, p) && p.pixels == B(4, row.grey)) << row.f;
     }
+    using S = std::vector<std::string>;  // a recorded descriptor may name any format
+    EXPECT_EQ((S{picture::format_name(0), picture::format_name(9), picture::format_name(10), picture::format_name(-1)}), (S{"GRAY8", "GRAY16", "format 10", "format -1"}));
     const std::string file = testing::TempDir() + "bmsg-pnm-" + std::to_string(getpid());
     for (const auto& [bytes, pixels] : std::vector<std::pair<std::string, B>>{{"P5\n2 1\n127\n\x7f\x3f", {255, 126}},
              {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}, {"P5 1 1 65535 \x01\x02", {}}, {"P5 1 0 255 ", {}}}) {
