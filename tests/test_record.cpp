@@ -130,7 +130,7 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     const std::string file = server.dir() + "/rec.db", key = "BIOMETRIC_SAMPLE_" + bmsg_test::unique("none");
     const mode_t umask_was = umask(0277);  // the recorder's file stays writable to it whatever the umask
     bmsg_test::Child rec = recorder(server, {"-o", file, "SYSTEM_*"});  // named and sample lists, and those that match
-    bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1 x2"), bmsg_test::redis_raw(server, "LPUSH other y");
+    bmsg_test::redis_raw(server, "LPUSH BIO_CMD x0 x1"), bmsg_test::redis_raw(server, "RPUSHX BIO_CMD x2"), bmsg_test::redis_raw(server, "LPUSH other y");
     bmsg_test::redis_raw(server, "LPUSH SYSTEM_LOG z"), bmsg_test::redis_raw(server, "RPUSH %s not-a-descriptor", key.c_str());
     ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", key) == 1; }));
     rec.kill(SIGKILL), rec.wait();
