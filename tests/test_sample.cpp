@@ -108,7 +108,7 @@ TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
 {
     RedisServer server;
     const std::string m = unique("SEND"), blank = m + " X";
-    const auto bus = std::make_unique<bMSG::Messager>(server.socket().c_str(), 0, 1);
+    auto bus = std::make_unique<bMSG::Messager>(server.socket().c_str(), 0, 1);
     Image image(32, 16, BImage::YUYV, nullptr), emptied(4, 4, BImage::GRAY8, nullptr), wider(33, 16, BImage::YUYV, nullptr);
     paint(image.data, 1024, 7);
     emptied.data = nullptr;
@@ -128,7 +128,7 @@ TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
     EXPECT_THROW(bus->bio_sample_send(m.c_str(), &wider), std::runtime_error);
     EXPECT_EQ(queued(server, m), 2) << "nothing pushed";
 
-    // Truncated under a receiver that mapped it: invalid (no SIGBUS) until its owner sends again.
+    // Cut under a receiver that mapped it, to its mutex or to nothing: invalid (no SIGBUS) until its owner sends again.
     bMSG::Messager fresh(server.socket().c_str(), 0, 1);
     char out[64];
     for (int how : {0, 3}) {
@@ -136,11 +136,13 @@ TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
         ImagePtr mapped(fresh.bio_sample_recv({m.c_str()}, 5, out, sizeof out));
         EXPECT_TRUE(mapped && holds(mapped->data, 1024, 7));
         const int fd = shm_open(("/" + key(m)).c_str(), O_RDWR, 0);
-        ASSERT_TRUE(bus->bio_sample_send(m.c_str(), &image) == 0 && fd >= 0 && ftruncate(fd, 0) == 0);
+        ASSERT_TRUE(bus->bio_sample_send(m.c_str(), &image) == 0 && fd >= 0 && ftruncate(fd, how ? 0 : 48) == 0);
         close(fd);
         const auto c = bmsg_test::run_captured([&] { return take(fresh, how ? view : pop, m); });
         EXPECT_EQ((std::pair<bool, int>(reported(c), c.status)), (std::pair<bool, int>(!how, how ? -9 : 0)));
     }
+    bus.reset();  // a segment cut under its creator is still its creator's to remove
+    EXPECT_TRUE(shm_open(("/" + key(m)).c_str(), O_RDONLY, 0) == -1 && errno == ENOENT);
 }
 
 TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
