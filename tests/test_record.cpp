@@ -140,6 +140,7 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     EXPECT_NE(tool({"info", file}).out.find("cut short"), std::string::npos);
     umask(umask_was);
     std::ofstream(server.dir() + "/text.db") << "not a database\n";
+    bmsg_test::redis_raw(server, "SET SYSTEM_LOG string");  // its push is refused when played
 
     // Exit status 2 on bad usage, 1 when the work fails (one line on stderr).
     const std::string& s = server.socket();
@@ -147,7 +148,7 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
         {{"record"}, 2}, {{"-s", s, "record", "-o", file}, 1}, {{"info"}, 2}, {{"info", file + "x"}, 1},
         {{"info", server.dir() + "/text.db"}, 1}, {{"export", file}, 2}, {{"play", file, "--rate", "-1"}, 2},
         {{"-s", s, "play", file, "--rate", "0"}, 1},  // the sample has no pixels
-        {{"-s", s, "play", file, "--rate", "0", "--only", "BIO_*"}, 0}};
+        {{"-s", s, "play", file, "--rate", "0", "--only", "BIO_*"}, 0}, {{"-s", s, "play", file, "--rate", "0", "--only", "SYSTEM_*"}, 1}};
     for (const auto& row : rows) {
         const auto r = tool(row.args);
         EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;

@@ -65,11 +65,13 @@ TEST(Tool, CommandsInOrder)
 
 TEST(Tool, MissingServerFailsAtOnceWithOneLine)
 {
-    const std::string port = std::to_string(bmsg_test::free_port());
+    const std::string port = std::to_string(bmsg_test::free_port()), pgm = testing::TempDir() + "bmsg-one-" + port + ".pgm";
+    std::ofstream(pgm) << "P5 1 1 255 x";
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{{"-p", port, "ping"}, {"-p", port, "get", "k"},
              {"-p", port, "pop", "cmd", "-t", "50"}, {"-p", port, "subscribe", "X"}, {"-p", port, "watch"},
-             {"-p", port, "sample", "recv", "m", "-t", "50"}, {"-p", port, "sample", "peek", "m"}})
+             {"-p", port, "sample", "recv", "m", "-t", "50"}, {"-p", port, "sample", "peek", "m"}, {"-p", port, "sample", "send", "m", pgm}})
         EXPECT_EQ([&] { const Ran r = tool(args); return std::to_string(r.status) + r.err; }(), "1bmsg: no server at 127.0.0.1:" + port + ": Connection refused\n");
+    unlink(pgm.c_str());
 }
 
 TEST(Tool, SubscribeToSeveralChannels)
