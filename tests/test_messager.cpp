@@ -273,8 +273,10 @@ TEST(Template, ExactlyFullFitsOneMoreCharacterIsRefusedUnsent)
     EXPECT_EQ((V{m.list_send("K", "%q"), m.set("k", "v")}), (V{-2, -7}));
 }
 
-// Replies a real server never sends, where they could crash the caller.
-TEST(ScriptedPeer, SubscribeHandsOnOnlyMessageArraysOfStrings)
+// Replies a real server never sends, where they could crash the caller: subscribe hands on only
+// message arrays of strings, list_recv only a pair of strings (a key that is not a string would
+// reach snprintf as a null pointer).
+TEST(ScriptedPeer, SubscribeAndListRecvTakeOnlyArraysOfStrings)
 {
     const std::string replies = std::string("*3\r\n$9\r\nsubscribe\r\n$1\r\nC\r\n:1\r\n") +
         "*3\r\n$7\r\nmessage\r\n$1\r\nC\r\n$3\r\none\r\n" + "*3\r\n$7\r\nmessage\r\n$1\r\nC\r\n:2\r\n" +
@@ -282,18 +284,11 @@ TEST(ScriptedPeer, SubscribeHandsOnOnlyMessageArraysOfStrings)
         "*3\r\n$7\r\nmessage\r\n$5\r\nOTHER\r\n$3\r\ntwo\r\n" + "*3\r\n$7\r\nmessage\r\n$1\r\nC\r\n$3\r\nthr";
     FakeRedis peer;
     peer.reply(replies);
-    M m(peer.socket().c_str(), 0, 1);
     std::vector<std::string> got;
-    EXPECT_EQ(m.subscribe("C", [&](const char* ch, const char* p, size_t n, void*) {
+    EXPECT_EQ(M(peer.socket().c_str(), 0, 1).subscribe("C", [&](const char* ch, const char* p, size_t n, void*) {
         got.push_back(std::string(ch) + "=" + std::string(p, n));
     }), 0);
     EXPECT_EQ(got, (std::vector<std::string>{"C=one", "C=two"}));
-}
-
-// A key element that is not a string would reach snprintf as a null pointer.
-TEST(ScriptedPeer, ListRecvTakesOnlyAPairOfStrings)
-{
-    FakeRedis peer;
     for (const char* reply : {"*2\r\n:1\r\n$1\r\nv\r\n", "*2\r\n$1\r\nL\r\n*0\r\n"}) {
         peer.reply(reply);
         EXPECT_EQ(M(peer.socket().c_str(), 0, 1).list_recv("L", buf, 8, 1, key, sizeof key), -6) << reply;

@@ -15,7 +15,6 @@ public:
     ~RedisServer();
     void stop(int signal = 9);  // kills and reaps it
     void restart();             // on the same port and socket
-    bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
     uint16_t port() const { return port_; }
     const std::string& socket() const { return socket_; }
