@@ -5,8 +5,7 @@
 
 int main(int argc, char** argv)
 {
-    const int role = bmsg_test::run_role_if_asked(argc, argv);
-    if (role >= 0)
+    if (const int role = bmsg_test::run_role_if_asked(argc, argv); role >= 0)
         return role;
     bmsg_test::remove_orphan_segments();
     testing::InitGoogleTest(&argc, argv);
