@@ -65,7 +65,7 @@ TEST(Tool, CommandsInOrder)
 
 TEST(Tool, MissingServerFailsAtOnceWithOneLine)
 {
-    const std::string port = std::to_string(bmsg_test::free_port()), pgm = testing::TempDir() + "bmsg-one-" + port + ".pgm";
+    const std::string port = std::to_string(bmsg_test::free_port()), pgm = testing::TempDir() + "bmsg-pgm-" + std::to_string(getpid());
     std::ofstream(pgm) << "P5 1 1 255 x";
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{{"-p", port, "ping"}, {"-p", port, "get", "k"},
              {"-p", port, "pop", "cmd", "-t", "50"}, {"-p", port, "subscribe", "X"}, {"-p", port, "watch"},
