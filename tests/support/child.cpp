@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -151,13 +150,6 @@ void remove_orphan_segments()
         if (std::regex_match(name, m, ours) && kill(std::stoi(m[2].str() + m[4].str()), 0) != 0 && errno == ESRCH)
             shm_unlink(("/" + name).c_str());
     }
-}
-
-bool robust_futexes()
-{
-    void* head = nullptr;
-    size_t len = 0;
-    return syscall(SYS_get_robust_list, 0, &head, &len) == 0 || errno != ENOSYS;
 }
 
 } // namespace bmsg_test

@@ -47,8 +47,6 @@ int run_role_if_asked(int argc, char** argv);  // the role's exit code, or -1
 // remove_orphan_segments() (every test binary at its start) once their process is gone.
 std::string unique(const std::string& tag);
 void remove_orphan_segments();
-// Whether robust futexes work (owner-died recovery needs them).
-bool robust_futexes();
 
 } // namespace bmsg_test
 

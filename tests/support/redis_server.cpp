@@ -50,7 +50,6 @@ bool RedisServer::start()
                                   dir_ + "/redis.log", "--protected-mode", "no"};
     args.insert(args.end(), config_.begin(), config_.end());
     process_ = spawn_native("redis-server", args);
-    pid_ = process_.pid();
     // Up once it answers on its socket, which it opens after the TCP port.
     if (wait_until([&] {  // NOAUTH: its default user is off
             const std::string pong = access(socket_.c_str(), F_OK) == 0 ? redis_raw(*this, "PING") : "";
@@ -64,7 +63,7 @@ bool RedisServer::start()
 void RedisServer::stop(int signal)
 {
     process_.kill(signal), process_.wait();
-    process_ = Child(), pid_ = -1;
+    process_ = Child();
 }
 
 void RedisServer::restart()

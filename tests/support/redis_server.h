@@ -15,7 +15,7 @@ public:
     ~RedisServer();
     void stop(int signal = 9);  // kills and reaps it
     void restart();             // on the same port and socket
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return process_.pid(); }
     uint16_t port() const { return port_; }
     const std::string& socket() const { return socket_; }
     const std::string& dir() const { return dir_; }
@@ -25,7 +25,6 @@ private:
     std::vector<std::string> config_;
     std::string dir_, socket_;
     uint16_t port_ = 0;
-    pid_t pid_ = -1;
     Child process_;
 };
 
