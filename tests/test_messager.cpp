@@ -55,7 +55,7 @@ TEST(Connect, EveryCallRetriesAndReportsEachFailure)
     EXPECT_TRUE(std::regex_match(c.out, std::regex("(" + line + "){" + reports + "}"))) << c.out;
 }
 
-TEST(Connect, DefaultAddressEveryValueTypeAndWaitingForEver)
+TEST(Connect, DefaultAddressEveryValueTypeEachReaderItsOwnReplyTypeAndWaitingForEver)
 {
     RedisServer server;
     M m(nullptr, server.port(), 1), by_empty("", server.port(), 1);
@@ -64,6 +64,16 @@ TEST(Connect, DefaultAddressEveryValueTypeAndWaitingForEver)
     EXPECT_EQ(m.set("s", "two words") + m.set("i", -3) + m.set("f", 2.5f) + m.set("u", 18446744073709551615UL) +
                   by_empty.set("k", "v"), 0);
     EXPECT_EQ(redis_raw(server, "MGET s i f u k"), "two words\n-3\n2.500000\n18446744073709551615\nv");
+    redis_raw(server, "MSET n 42 long 12345678"), redis_raw(server, "LPUSH list x");
+    // key, then what each reader holds after it (before: 7, 9, 8, "").
+    const struct { const char* key; int i; unsigned long u; float f; const char* text; } rows[] = {
+        {"n", 7, 9, 42, "42"}, {"long", 7, 9, 12345678, ""}, {"list", 7, 9, 8, ""}, {"none", 7, 9, 8, ""}};
+    for (const auto& row : rows) {
+        struct { int i = 7; unsigned long u = 9; float f = 8; char text[9] = {}; } o;
+        EXPECT_EQ(m.get(row.key, &o.i) + m.get(row.key, &o.u) + m.get(row.key, &o.f) + m.get(row.key, o.text, 8), 0);
+        EXPECT_EQ(std::make_tuple(o.i, o.u, o.f, std::string(o.text)),
+                  std::make_tuple(row.i, row.u, row.f, std::string(row.text))) << row.key;
+    }
 
     server.stop();
     int rc = 1;  // the server is restarted by the main thread, which its process dies with
@@ -156,22 +166,6 @@ TEST(Lists, ProducersAndConsumersOverBothTransportsLoseAndDoubleNothingInProduce
     }
     EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), n * count) << "lost or doubled";
     EXPECT_EQ(disorder, 0);
-}
-
-TEST(Get, EachReaderTakesOnlyItsOwnReplyType)
-{
-    RedisServer server;
-    M m(server.socket().c_str(), 0, 1);
-    redis_raw(server, "MSET n 42 long 12345678"), redis_raw(server, "LPUSH list x");
-    // key, then what each reader holds after it (before: 7, 9, 8, "").
-    const struct { const char* key; int i; unsigned long u; float f; const char* text; } rows[] = {
-        {"n", 7, 9, 42, "42"}, {"long", 7, 9, 12345678, ""}, {"list", 7, 9, 8, ""}, {"none", 7, 9, 8, ""}};
-    for (const auto& row : rows) {
-        struct { int i = 7; unsigned long u = 9; float f = 8; char text[9] = {}; } o;
-        EXPECT_EQ(m.get(row.key, &o.i) + m.get(row.key, &o.u) + m.get(row.key, &o.f) + m.get(row.key, o.text, 8), 0);
-        EXPECT_EQ(std::make_tuple(o.i, o.u, o.f, std::string(o.text)),
-                  std::make_tuple(row.i, row.u, row.f, std::string(row.text))) << row.key;
-    }
 }
 
 TEST(PublishSubscribe, DeliversInOrderUntilTheServerGoes)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 using bMSG::SharedMemory;
@@ -65,6 +66,11 @@ TEST(SharedMemory, OnlyTheCreatorUnlinksCopiesWaitForAnotherProcessAndADeadOwner
     dying.kill(SIGKILL);
     EXPECT_EQ(dying.wait(), 128 + SIGKILL);
     EXPECT_EQ((seg.write("ok", 2, 0), text(seg, 2)), "ok") << "the dead owner's lock taken over";
+    // A thread died holding it, and its next owner left it inconsistent: no one can lock it again.
+    std::thread([&] { pthread_mutex_lock(seg.mutex); }).join();
+    ASSERT_TRUE(pthread_mutex_lock(seg.mutex) == EOWNERDEAD && !pthread_mutex_unlock(seg.mutex) && throws([&] { SharedMemory(name, 8, true); }));
+    const std::string mapped(std::istreambuf_iterator<char>(std::ifstream("/proc/self/maps").rdbuf()), {}), mine = "/dev/shm" + name + "\n";
+    EXPECT_EQ(mapped.find(mine), mapped.rfind(mine)) << "the attach that could not lock unmapped what it had mapped";
 }
 
 TEST(SharedMemory, BoundsAreInclusiveAndOverflowsThrow)
