@@ -81,10 +81,10 @@ TEST(Tool, SubscribeToSeveralChannels)
     ASSERT_TRUE(bmsg_test::wait_subscribers(server, "A", 1) && bmsg_test::wait_subscribers(server, "B", 1));
     const std::string subscribers = bmsg_test::redis_raw(server, "CLIENT LIST TYPE pubsub");
     EXPECT_EQ(std::count(subscribers.begin(), subscribers.end(), '\n'), 1) << subscribers;
-    for (const char* ab : {"Aone", "Btwo", "Ax\ny\\\x01\xc3\xa9\xff\t\xc3(\xe2\x82("})
+    for (const char* ab : {"Aone", "Btwo", "Ax\ny\\\x01\x7f\xc3\xa9\xff\t\xc3(\xe2\x82("})
         EXPECT_EQ(tool({"publish", std::string(ab, 1), ab + 1}, server.socket()).out, "1\n");
     EXPECT_EQ(sub.wait(), 0);
-    const std::string escaped = " A x\\ny\\\\\\x01\xc3\xa9\\xff\\t\\xc3(\\xe2\\x82(\n";  // bytes that are not printable UTF-8 escaped
+    const std::string escaped = " A x\\ny\\\\\\x01\\x7f\xc3\xa9\\xff\\t\\xc3(\\xe2\\x82(\n";  // bytes that are not printable UTF-8 escaped
     EXPECT_TRUE(std::regex_search(sub.out(), std::regex("[0-9:]{8}[.][0-9]{3} A one\n.* B two\n")) && sub.out().find(escaped) != std::string::npos) << sub.out();
 }
 
