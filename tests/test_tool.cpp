@@ -107,7 +107,7 @@ TEST(Tool, PngRoundTripThroughASample)
         bmsg_test::Child send = bmsg_test::spawn_program(BMSG_TOOL, args);
         ASSERT_TRUE(bmsg_test::wait_until([&] { return bmsg_test::redis_raw(server, "LLEN %s", list.c_str()) == "1"; }));
         const Ran peek = tool({"sample", "peek", modality, "-o", out}, server.socket());
-        EXPECT_EQ(peek.out, channels == 1 ? "7 5 GRAY8 35\n" : "7 5 RGB24 105\n");
+        EXPECT_TRUE(peek.status == 0 && peek.out == (channels == 1 ? "7 5 GRAY8 35\n" : "7 5 RGB24 105\n")) << peek.out << peek.err;
         ASSERT_TRUE(picture::read_file(out, back, error)) << error;
         EXPECT_EQ(back.pixels, sent.pixels);
         EXPECT_EQ(tool({"sample", "recv", modality}, server.socket()).status, 0);
