@@ -99,7 +99,7 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     for (const auto& row : rows)
         EXPECT_EQ(counted(file, row.kind, row.name), row.count) << row.kind << " " << row.name;
     const std::string info = tool({"info", file}).out;
-    EXPECT_TRUE(info.find("pixels recorded") != std::string::npos && info.find("64x48 GRAY8 1 samples, 0 missed") != std::string::npos) << info;
+    EXPECT_TRUE(info.find(" from 2") != info.npos && info.find("pixels recorded") != info.npos && info.find("64x48 GRAY8 1 samples, 0 missed") != info.npos) << info;
 
     const std::string dir = recorded.dir() + "/export";
     picture::Picture png; std::string error;
