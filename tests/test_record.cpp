@@ -102,9 +102,9 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     EXPECT_TRUE(info.find(" from 2") != info.npos && info.find("pixels recorded") != info.npos && info.find("64x48 GRAY8 1 samples, 0 missed") != info.npos) << info;
 
     const std::string dir = recorded.dir() + "/export";
-    picture::Picture png; std::string error;
+    picture::Picture png; std::string error; struct stat st = {};
     ASSERT_TRUE(tool({"export", file, "-o", dir}).status == 0 && picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
-    EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u);
+    EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u && !stat((dir + "/events.jsonl").c_str(), &st) && !(st.st_mode & 077));
     std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 as lone surrogates
     jsonl << std::ifstream(dir + "/events.jsonl").rdbuf();
     for (const char* text : {"\\u001f !\\\"#", "~\\u007f\\udc80\\udc81", utf8_json})
