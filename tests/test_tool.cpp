@@ -127,7 +127,7 @@ TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
     picture::Picture p;
     std::string why;
     const struct { BImage::ImageFormat f; B group; unsigned char grey; } formats[] = {{BImage::YUYV, {90, 1}, 90},
-        {BImage::GRAY16, {1, 200}, 200}, {BImage::BGR24, {10, 20, 200}, 73}, {BImage::RGBA32, {200, 20, 10, 0}, 73}, {BImage::BGRA32, {10, 20, 200, 9}, 73}};
+        {BImage::GRAY16, {1, 200}, 200}, {BImage::BGR24, {32, 14, 200}, 71}, {BImage::RGBA32, {200, 14, 32, 0}, 71}, {BImage::BGRA32, {32, 14, 200, 9}, 71}};
     for (const auto& row : formats) {
         BImage::Image image(2, 2, row.f, nullptr);
         for (int i = 0; i < image.count(); ++i)
