@@ -106,8 +106,7 @@ TEST_F(Http, RequestsAsTheServerReceivesThem)
     const std::string head = " /big HTTP/1.1\r\n" + standard + "Content-Length: 5242880\r\n\r\n";
     EXPECT_TRUE(call(client, &bHttpClient::post, "/big", big.data(), big.size()) == "200 POST" + head + big);  // PUT: same body path
 
-    EXPECT_EQ(client.post("/quiet", "b", 1, {}, {}), 0);  // empty callbacks
-    EXPECT_EQ(hits("/quiet"), 1);
+    EXPECT_TRUE(client.post("/quiet", "b", 1, {}, {}) == 0 && hits("/quiet") == 1);  // empty callbacks
     auto throws = [](const char*, const void*, size_t) { throw std::runtime_error("cb"); };
     EXPECT_THROW(client.get("/", throws, {}), std::runtime_error);
 }

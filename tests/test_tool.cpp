@@ -79,8 +79,6 @@ TEST(Tool, SubscribeToSeveralChannels)
     bmsg_test::RedisServer server;
     bmsg_test::Child sub = bmsg_test::spawn_program(BMSG_TOOL, {"-s", server.socket(), "subscribe", "A", "B", "-n", "4"});
     ASSERT_TRUE(bmsg_test::wait_subscribers(server, "A", 1) && bmsg_test::wait_subscribers(server, "B", 1));
-    const std::string subscribers = bmsg_test::redis_raw(server, "CLIENT LIST TYPE pubsub");
-    EXPECT_EQ(std::count(subscribers.begin(), subscribers.end(), '\n'), 1) << subscribers;
     for (const char* ab : {"Aone", "Btwo", "Ax\ny\\\x01\x7f\xc3\xa9\xff\t\xc3(\xe2\x82("})
         EXPECT_EQ(tool({"publish", std::string(ab, 1), ab + 1}, server.socket()).out, "1\n");
     const std::string escaped = " A x\\ny\\\\\\x01\\x7f\xc3\xa9\\xff\\t\\xc3(\\xe2\\x82(\n";  // bytes that are not printable UTF-8 escaped
