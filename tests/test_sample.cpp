@@ -19,7 +19,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -382,15 +381,14 @@ TEST(SampleLifecycle, ALateReceiverGetsNothingInsteadOfAMixRecvIntoLeavesTheImag
     const std::string m = unique("LATE"), none = unique("NONE");
     bMSG::Messager sender(server.socket().c_str(), 0, 1), bus(server.socket().c_str(), 0, 1);
     Image big(64, 64, BImage::GRAY8, nullptr), small(10, 10, BImage::GRAY8, nullptr);
-    const auto fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-    const auto fds_before = fds();
+    const auto fds = bmsg_test::open_fds();
     for (How how : {pop, any, view, into, peek}) {
         ASSERT_TRUE(sender.bio_sample_send(m.c_str(), &stamp(big, 64)) == 0 && sender.bio_sample_send(m.c_str(), &stamp(small, 10)) == 0);
         const auto c = bmsg_test::run_captured([&] { return take(bus, how, m, 64); });
         EXPECT_TRUE(c.status == (how == view || how == into ? -11 : 0) && c.out.find(how == view || how == into ? "" : "shared memory holds another image") == 0) << how;
         EXPECT_EQ(take(bus, how, m, 10), 1) << how;
     }
-    EXPECT_EQ(fds(), fds_before + 2) << "the sender and the receiver keep their segment open, and nothing else";
+    EXPECT_EQ(bmsg_test::open_fds(), fds + 2) << "the sender and the receiver keep their segment open, and nothing else";
     const std::string junk(32, 'J'), h64(reinterpret_cast<const char*>(big.format_header()), 32);
     const struct { std::string m, pushed; int len, rc; } rows[] = {  // the image is longer for -9, -10, -11, -5
         {m, "", 64, 0}, {m, junk, 64, -6}, {none, h64, 64, -9}, {m, h64, 64, -10}, {m, h64, 64, -11}, {m, h64, 2, -5}};

@@ -8,7 +8,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -109,10 +108,9 @@ TEST(SharedMemory, OpenFailsQuietlyFailedCreationsThrowAndLeaveNothingCloseTwice
     }
     first.close(), first.close();
     EXPECT_TRUE(!first.addr && first.fd == -1 && !first.mutex && !exists(name));
-    const auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-    const auto fds = open_fds();
+    const auto fds = bmsg_test::open_fds();
     testing::internal::CaptureStderr();
     EXPECT_TRUE(throws([] { SharedMemory bad("/no/such/dir", 8, true); }) && throws([&] { SharedMemory h(huge, SIZE_MAX, true); }));
     testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(!exists(huge) && open_fds() == fds) << "the failed creation removed the name and closed it";
+    EXPECT_TRUE(!exists(huge) && bmsg_test::open_fds() == fds) << "the failed creation removed the name and closed it";
 }

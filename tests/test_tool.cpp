@@ -65,7 +65,7 @@ TEST(Tool, CommandsInOrder)
 
 TEST(Tool, MissingServerFailsAtOnceWithOneLine)
 {
-    const std::string port = std::to_string(bmsg_test::free_port()), pgm = testing::TempDir() + "bmsg-pgm-" + std::to_string(getpid());
+    const std::string port = std::to_string(bmsg_test::free_port()), pgm = testing::TempDir() + bmsg_test::unique("bmsg-pgm");
     std::ofstream(pgm) << "P5 1 1 255 x";
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{{"-p", port, "ping"}, {"-p", port, "get", "k"},
              {"-p", port, "pop", "cmd", "-t", "50"}, {"-p", port, "subscribe", "X"}, {"-p", port, "watch"},
@@ -134,7 +134,7 @@ TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
     }
     using S = std::vector<std::string>;  // a recorded descriptor may name any format
     EXPECT_EQ((S{picture::format_name(0), picture::format_name(9), picture::format_name(10), picture::format_name(-1)}), (S{"GRAY8", "GRAY16", "format 10", "format -1"}));
-    const std::string file = testing::TempDir() + "bmsg-pnm-" + std::to_string(getpid());
+    const std::string file = testing::TempDir() + bmsg_test::unique("bmsg-pnm");
     for (const auto& [bytes, pixels] : std::vector<std::pair<std::string, B>>{{"P5\n2 1\n127\n\x7f\x3f", {255, 126}},
              {"P6 1 1 255 \x01\x02\x03", {1, 2, 3}}, {"P5 2 2 255 \x01", {}}, {"P5 1 1 65535 \x01\x02", {}}, {"P5 1 0 255 ", {}}}) {
         std::ofstream(file, std::ios::binary) << bytes;

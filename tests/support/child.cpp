@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <map>
@@ -151,5 +152,7 @@ void remove_orphan_segments()
             shm_unlink(("/" + name).c_str());
     }
 }
+
+long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 } // namespace bmsg_test

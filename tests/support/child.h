@@ -47,6 +47,7 @@ int run_role_if_asked(int argc, char** argv);  // the role's exit code, or -1
 // remove_orphan_segments() (every test binary at its start) once their process is gone.
 std::string unique(const std::string& tag);
 void remove_orphan_segments();
+long open_fds();  // how many descriptors this process has open
 
 } // namespace bmsg_test
 
