@@ -34,7 +34,7 @@ static std::atomic<size_t> refused{0};
 extern "C" int posix_memalign(void** block, size_t alignment, size_t size) noexcept
 {
     static const auto real = reinterpret_cast<decltype(&posix_memalign)>(dlsym(RTLD_NEXT, "posix_memalign"));
-    return size && size == refused ? ENOMEM : real(block, alignment, size);
+    return refused && size == refused ? ENOMEM : real(block, alignment, size);
 }
 
 namespace {
