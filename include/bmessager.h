@@ -89,9 +89,13 @@ public:
     // password when `user` is null or empty. Both null: exactly the
     // constructor above. A refused AUTH (wrong password, unknown or disabled
     // user, a server without that user) is final for that connect: it is
-    // reported once with the server's reason (never the password), the
+    // reported with the server's reason (never the password), the
     // connection is freed, no further attempt and no pause follow, and the
-    // operation that connected returns -1.
+    // operation that connected returns -1. For one second after a refusal
+    // every operation returns -1 at once without sending AUTH again, and the
+    // same refusal is reported only once. With a login, error replies are on
+    // from the start (set_error_replies(true)): a role refused a command
+    // sees -4, never a success.
     Messager(const char* address, uint16_t port, int attempts, const char* user,
              const char* password);
 
@@ -346,6 +350,12 @@ public:
     // and the int receivers when their pop is; the image receivers return
     // null as before.
     void set_error_replies(bool on) { error_replies = on; }
+
+    // Leaves the modality's segment in /dev/shm when this object goes (for
+    // receivers that have not yet taken its queued descriptors); without
+    // it, a segment this object created is removed then. No effect on a
+    // modality this object holds no segment for.
+    void keep_segment(const char* modality);
 
     // The text of the last error reply that made an operation return -4, or
     // of the last refused AUTH (whatever set_error_replies says); empty

@@ -56,7 +56,8 @@ Messager::Messager(const char* address_, uint16_t port_, int attempts_, const ch
       system_status("SYSTEM_STATUS"),
       bio_info("MAIN_BIOMETRIC_INFO"),
       bio_cmd("BIO_CMD"),
-      bio_resp("BIOMETRIC_RESP")
+      bio_resp("BIOMETRIC_RESP"),
+      error_replies(credentials.on)
 {
     connect();
 }

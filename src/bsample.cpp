@@ -468,6 +468,13 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
     return image;
 }
 
+void Messager::keep_segment(const char* modality)
+{
+    const auto found = segments.find(modality);
+    if (found != segments.end())
+        found->second->owner = false;
+}
+
 BImage::Image* Messager::bio_sample_read(std::vector<const char*> modalities, char* out, int len)
 {
     for (const char* m : modalities) {
