@@ -44,6 +44,10 @@ public:
     // no confirmation (no channel, or the server refused it).
     int status() const { return status_; }
 
+    // The server's text when it refused the AUTH (status() -1) or the
+    // SUBSCRIBE (-3), for example "NOPERM ..."; empty otherwise.
+    const std::string& last_error() const { return error_; }
+
     // Whether the thread is still receiving: false after stop(), and after
     // the connection failed (server gone), which ends the thread by itself.
     bool running() const { return running_; }
@@ -62,6 +66,7 @@ private:
     MessageCallback callback_;
     redisContext* context_ = nullptr;
     int status_ = -1;
+    std::string error_;
     std::atomic<bool> running_{false};
     std::atomic<bool> stopping_{false};
     std::thread thread_;

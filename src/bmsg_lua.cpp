@@ -1,13 +1,23 @@
 // The Lua module "bmsg": messager objects that wrap a bMSG::Messager, and
-// subscriptions whose background threads queue messages for the script's
-// callbacks, delivered when the script calls check.
+// subscriptions (bMSG::Subscription) whose threads queue messages for the
+// script's callbacks, delivered when the script calls check.
+//
+// Where the module departs from its first behaviour:
+// - A text given to a sender or to publish is one argument, byte for byte
+//   (blanks, '%' and zero bytes included); it is no longer a format.
+// - Every messager has error replies on, and the senders, publish, the
+//   receivers and the counts say when the server refused them: nil plus the
+//   server's text. Senders return true, publish the number of subscribers.
+// - subscribe returns once the server has confirmed the subscription, so
+//   whatever is published after it is delivered; otherwise nil and why.
+// - unsubscribe returns at once, without waiting for another message.
 #include "bmessager.h"
+#include "bsubscription.h"
 
 #include "bmsg_internal.h"
 
 #include <lua.hpp>
 
-#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -17,8 +27,8 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -34,6 +44,27 @@ int fail(lua_State* L, const char* message)
     lua_pushnil(L);
     lua_pushstring(L, message);
     return 2;
+}
+
+// nil and the reason of a failed Messager operation: the server's text for
+// a refusal, else a short text for the code.
+int fail_code(lua_State* L, const Messager* m, int rc)
+{
+    switch (rc) {
+    case -4:
+        return fail(L, m->last_error().c_str());
+    case -1:
+        return fail(L, "no connection");
+    case -2:
+    case -3:
+        return fail(L, "no reply");
+    case -5:
+        return fail(L, "value too long for the buffer");
+    case -6:
+        return fail(L, "reply is not a string");
+    default:
+        return fail(L, "failed");
+    }
 }
 
 // The Messager of the messager object in argument 1 (a Lua error for any
@@ -101,48 +132,43 @@ int saturate_int(double d)
     return static_cast<int>(d);
 }
 
-// Pops one value of `key`; nil when the list was empty, the value was empty
-// or it did not fit the buffer (it is gone from the list then).
+// Pops one value of `key`: the string; a lone nil when the list was empty
+// or the value was empty; nil and the reason on failure (a value too long
+// for the buffer is gone from the list then).
 int push_popped(lua_State* L, Messager* m, const char* key, int timeout)
 {
     char buffer[recv_buffer_size];
     const int n = m->list_recv(key, buffer, sizeof buffer, timeout, nullptr, 0);
-    if (n < 1)
+    if (n < 0)
+        return fail_code(L, m, n);
+    if (n == 0)
         lua_pushnil(L);
     else
         lua_pushlstring(L, buffer, static_cast<size_t>(n));
     return 1;
 }
 
-// The text of a sender or publish as the format handed to the Messager:
-// "%%" stays (one '%', as scripts write it) and every other '%' is doubled,
-// so no text is read as a conversion that takes an argument the call does
-// not pass ("100%s" once crashed the interpreter). Blanks still split.
-std::string literal_format(const char* text)
-{
-    std::string format;
-    for (const char* p = text; *p; ++p) {
-        if (*p == '%')
-            format += '%';
-        if (*p == '%' && p[1] == '%')
-            ++p;  // "%%" is kept as it is
-        format += *p;
-    }
-    return format;
-}
-
 using Sender = int (Messager::*)(const char*, ...);
 using ListKey = const char* const Messager::*;
 
-// The senders hand the Lua string to the Messager as the format, through
-// literal_format.
-int send_method(lua_State* L, Sender send)
+// The Lua string in argument 2 goes out as one raw argument ("%b"), so
+// nothing in it is read as a format or splits it. True, or with `counts`
+// (system_publish) the number of subscribers reached.
+int send_method(lua_State* L, Sender send, bool counts = false)
 {
     Messager* m = self(L);
     if (!m)
         return fail(L, "messager is NULL");
-    (m->*send)(literal_format(luaL_checklstring(L, 2, nullptr)).c_str());
-    return 0;
+    size_t len = 0;
+    const char* text = luaL_checklstring(L, 2, &len);
+    const int rc = (m->*send)("%b", text, len);
+    if (rc < 0)
+        return fail_code(L, m, rc);
+    if (counts)
+        lua_pushinteger(L, rc);
+    else
+        lua_pushboolean(L, 1);
+    return 1;
 }
 
 // The *_recv methods: the timeout is taken only when it is the one argument
@@ -158,13 +184,18 @@ int recv_method(lua_State* L, ListKey key)
     return push_popped(L, m, m->*key, timeout);
 }
 
-// The *_size methods and bio_cmd_clear: the count as a Lua integer.
+// The *_size methods and bio_cmd_clear: the count as a Lua integer, the
+// other codes too (-1, -3); a refusal is nil and the server's text, so it
+// never reads as an empty list.
 int count_method(lua_State* L, int (Messager::*count)(const char*), ListKey key)
 {
     Messager* m = self(L);
     if (!m)
         return fail(L, "messager is NULL");
-    lua_pushinteger(L, (m->*count)(m->*key));
+    const int n = (m->*count)(m->*key);
+    if (n == -4)
+        return fail_code(L, m, n);
+    lua_pushinteger(L, n);
     return 1;
 }
 
@@ -175,13 +206,25 @@ struct Message {
     std::string payload;
 };
 
+// What a handle points at. The subscription's thread only appends to the
+// queue; check and unsubscribe run on the script's thread.
 struct sub_data {
     uint64_t magic = sub_magic;
-    std::unique_ptr<std::thread> thread;
-    std::atomic<bool> running{true};
     std::deque<Message> queue;
-    std::mutex mutex;  // guards queue
+    std::mutex mutex;  // guards queue and ended
+    bool ended = false;  // "exit" came: nothing after it is queued
     int callback_ref = LUA_NOREF;
+    std::unique_ptr<bMSG::Subscription> subscription;
+
+    // Runs on the subscription's thread.
+    void receive(const char* channel, const char* payload, size_t len)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (ended)
+            return;
+        queue.push_back(Message{channel, std::string(payload, len)});
+        ended = queue.back().payload == "exit";
+    }
 };
 
 // Records of the live subscriptions. A handle is a bare address that a
@@ -229,58 +272,6 @@ sub_data* handle_arg(lua_State* L, const char*& error)
     }
     return static_cast<sub_data*>(p);
 }
-
-// Body of a subscription thread. It opens its own connection to the
-// messager's server as the messager does (the Unix socket when the address
-// is a path, TCP otherwise; the same login) and works on copies, so the Lua
-// side may drop the messager and the channel string at once. It never
-// touches the Lua state.
-struct Listener {
-    sub_data* sub;
-    std::string address;
-    uint16_t port;
-    bMSG::Login login;
-    std::string channel;
-
-    void operator()() const
-    {
-        bMSG::Context c;
-        switch (bMSG::open_connection(address, port, login, c)) {
-        case bMSG::Opened::ok:
-            break;
-        case bMSG::Opened::no_context:
-            BMSG_REPORT("operator()", "Connection error: can't allocate redis context");
-            return;
-        case bMSG::Opened::failed:
-            BMSG_REPORT("operator()", "Connection error: %s", c->errstr);
-            return;
-        case bMSG::Opened::refused:
-            return;
-        }
-        if (!bMSG::command(c.get(), "SUBSCRIBE %s", channel.c_str())) {
-            BMSG_REPORT("operator()", "Command error: %s", c->errstr);
-            return;
-        }
-        // running is looked at only between replies: a blocked read ends
-        // with the next message or a broken connection.
-        while (sub->running) {
-            void* raw = nullptr;
-            if (redisGetReply(c.get(), &raw) != REDIS_OK)
-                return;
-            bMSG::Reply r = bMSG::take_reply(raw);
-            if (!r || !bMSG::is_message(r.get()))
-                continue;
-            Message m{r->element[1]->str, r->element[2]->str};
-            const bool last = m.payload == "exit";
-            {
-                std::lock_guard<std::mutex> lock(sub->mutex);
-                sub->queue.push_back(std::move(m));
-            }
-            if (last)
-                return;
-        }
-    }
-};
 
 void report_callback_error(lua_State* L)
 {
@@ -330,18 +321,25 @@ int messager_set(lua_State* L)
     return 1;
 }
 
-// Like the senders, the message is the format of the publish.
+// publish(channel, text): the text as one raw argument, as the senders.
 int messager_publish(lua_State* L)
 {
     Messager* m = self(L);
     if (!m)
         return fail(L, "messager is NULL");
     const char* channel = luaL_checklstring(L, 2, nullptr);
-    const char* message = luaL_checklstring(L, 3, nullptr);
-    m->publish(channel, literal_format(message).c_str());
-    return 0;
+    size_t len = 0;
+    const char* text = luaL_checklstring(L, 3, &len);
+    const int rc = m->publish(channel, "%b", text, len);
+    if (rc < 0)
+        return fail_code(L, m, rc);
+    lua_pushinteger(L, rc);
+    return 1;
 }
 
+// The handle is returned only once the server has confirmed the
+// subscription, so a message published after this returns is delivered.
+// On failure nothing is left behind: no thread, no callback reference.
 int messager_subscribe(lua_State* L)
 {
     Messager* m = self(L);
@@ -352,23 +350,31 @@ int messager_subscribe(lua_State* L)
         return fail(L, "callback is not a function");
 
     auto sub = std::make_unique<sub_data>();
-    lua_pushvalue(L, 3);
-    sub->callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
-    Listener listener{sub.get(), m->server_address(), m->server_port(), m->login(), channel};
-    set_live(sub.get(), true);
+    sub_data* target = sub.get();
     try {
-        sub->thread = std::make_unique<std::thread>(std::move(listener));
+        sub->subscription = std::make_unique<bMSG::Subscription>(
+            *m, std::vector<std::string>{channel},
+            [target](const char* from, const char* payload, size_t len, void*) {
+                target->receive(from, payload, len);
+            });
     } catch (const std::exception&) {
-        set_live(sub.get(), false);
-        luaL_unref(L, LUA_REGISTRYINDEX, sub->callback_ref);
         return fail(L, "can't start subscription thread");
     }
+    const bMSG::Subscription& s = *sub->subscription;
+    if (s.status() != 0) {
+        if (!s.last_error().empty())
+            return fail(L, s.last_error().c_str());
+        return fail(L, s.status() == -1 ? "no connection" : "no reply");
+    }
+    lua_pushvalue(L, 3);
+    sub->callback_ref = luaL_ref(L, LUA_REGISTRYINDEX);
+    set_live(sub.get(), true);
     lua_pushlightuserdata(L, sub.release());
     return 1;
 }
 
-// Joins the thread, which may wait for one more message on the channel.
-// Messages not yet delivered are dropped.
+// Returns at once: stopping wakes the subscription's thread without waiting
+// for a message. Messages not yet delivered are dropped.
 int messager_unsubscribe(lua_State* L)
 {
     const char* error = nullptr;
@@ -376,8 +382,7 @@ int messager_unsubscribe(lua_State* L)
     if (!sub)
         return fail(L, error);
     set_live(sub, false);
-    sub->running = false;
-    sub->thread->join();
+    sub->subscription->stop();
     luaL_unref(L, LUA_REGISTRYINDEX, sub->callback_ref);
     delete sub;
     lua_pushboolean(L, 1);
@@ -441,7 +446,7 @@ int messager_bio_resp_size(lua_State* L)
 
 int messager_system_publish(lua_State* L)
 {
-    return send_method(L, &Messager::system_publish);
+    return send_method(L, &Messager::system_publish, true);
 }
 
 // Takes everything queued so far and calls the callback once per message,
@@ -464,8 +469,8 @@ int messager_check(lua_State* L)
             break;
         const Message& msg = pending.front();
         lua_rawgeti(L, LUA_REGISTRYINDEX, sub->callback_ref);
-        lua_pushstring(L, msg.channel.c_str());
-        lua_pushstring(L, msg.payload.c_str());
+        lua_pushlstring(L, msg.channel.data(), msg.channel.size());
+        lua_pushlstring(L, msg.payload.data(), msg.payload.size());
         if (lua_pcall(L, 2, 0, 0) != 0) {
             report_callback_error(L);
             lua_pop(L, 1);
@@ -488,6 +493,8 @@ int messager_new(lua_State* L)
     auto** slot = static_cast<Messager**>(lua_newuserdata(L, sizeof(Messager*)));
     *slot = nullptr;
     *slot = new Messager(address, port, attempts, user, password);
+    // No refusal may read as a success.
+    (*slot)->set_error_replies(true);
     luaL_getmetatable(L, messager_type);
     lua_setmetatable(L, -2);
     return 1;

@@ -29,7 +29,7 @@ Subscription::Subscription(const std::string& address, uint16_t port, const Logi
     : callback_(std::move(callback))
 {
     Context c;
-    if (open_connection(address, port, login, c) != Opened::ok)
+    if (open_connection(address, port, login, c, &error_) != Opened::ok)
         return;
     context_ = c.release();
     status_ = -3;
@@ -42,6 +42,8 @@ Subscription::Subscription(const std::string& address, uint16_t port, const Logi
         lengths.push_back(ch.size());
     }
     Reply r = command_argv(context_, static_cast<int>(argv.size()), argv.data(), lengths.data());
+    if (r && r->type == REDIS_REPLY_ERROR)
+        error_.assign(r->str, r->len);
     if (!r || r->type != REDIS_REPLY_ARRAY)
         return;
     status_ = 0;
