@@ -22,12 +22,14 @@
 #ifndef BMSG_BMESSAGER_H
 #define BMSG_BMESSAGER_H
 
+#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <sys/types.h>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -413,12 +415,16 @@ private:
     bool error_replies = false;
     std::string refusal;
     int backpressure = -1;
+    std::optional<std::chrono::steady_clock::time_point> refused_at;  // last refused AUTH
 
     SharedMemory* sender_segment(const std::string& name, size_t capacity);
-    int put_sample(const std::string& name, size_t capacity, size_t len, size_t offset,
-                   const unsigned char* header, const std::function<void(unsigned char*)>& fill);
+    int put_sample(const std::string& name, size_t length, const unsigned char* header,
+                   const std::function<void(unsigned char*)>& pixels);
+    int queued_samples(const std::string& key);
     int pop_sample(const std::vector<const char*>& modalities, int timeout, char* out, int len,
-                   std::string& modality, std::string& descriptor);
+                   std::string& modality, std::string& descriptor, std::string* why = nullptr);
+    BImage::Image* receive(const char* func, const std::vector<const char*>& modalities,
+                           int timeout, char* out, int len);
     int view_sample(const std::string& modality, const std::string& descriptor,
                     const std::function<bool(int, int, BImage::ImageFormat, size_t)>& prepare,
                     const SampleView& view);

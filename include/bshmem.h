@@ -74,24 +74,25 @@ public:
     // difference.
     void create();
 
-    // Whether the mapped object still has its name and is at least as long
-    // as the mapping: one fstat. False for an invalid object.
-    bool current() const;
+    // For senders, before a write of `capacity` payload bytes: one fstat
+    // when the mapping is current and that long. A segment that lost its
+    // name or was cut is created or attached again (throws as create()
+    // does); one that is too short for `capacity` is grown under the mutex,
+    // its pages allocated (posix_fallocate) so that no later copy into them
+    // can fault, and mapped further. False when it cannot be grown (a full
+    // /dev/shm): the mapping and its content are then as they were.
+    bool reserve(size_t capacity);
 
-    // For receivers, before a copy of `capacity` payload bytes: true at
-    // once (one fstat) when the mapping is current and that long. A mapping
-    // whose object lost its name (its sender ended and another created the
-    // segment anew) or shrank is dropped and the name opened afresh; an
-    // object that has grown is mapped further. False when `capacity` bytes
-    // cannot be mapped: the object is invalid (addr null) when the name
-    // could not be opened, else it keeps its current mapping. Never throws.
-    // A creator that finds its object without its name stops being owner.
+    // The one receiver attach, before a copy of `capacity` payload bytes:
+    // opens the name on first use, and is true at once (one fstat) when the
+    // mapping is current and that long. A mapping whose object lost its name
+    // (its sender ended and another created the segment anew) or shrank is
+    // dropped and the name opened afresh; an object that has grown is mapped
+    // further. False when `capacity` bytes cannot be mapped: the object is
+    // invalid (addr null) when the name could not be opened, else it keeps
+    // its current mapping. Never throws. A creator that finds its object
+    // without its name stops being owner.
     bool follow(size_t capacity);
-
-    // Whether `name` now opens another object than the mapped one (an open
-    // and two fstat: for checks off the hot path). False when the name
-    // cannot be opened.
-    bool replaced() const;
 
     // Copies len bytes from data to payload offset `offset` under the mutex.
     // Throws std::runtime_error "Data size exceeds shared memory size: ..."
@@ -132,8 +133,8 @@ public:
 
 private:
     mode_t mode;               // mode for an object create() makes, 0: 0666 less umask
-    void map();
-    void open_existing();
+    bool named() const;
+    bool remap(uint64_t length);
     void attach();
     void replace_abandoned();
     void release();

@@ -5,6 +5,7 @@
 #include "bmsg_internal.h"
 #include "bshmem.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -76,14 +77,22 @@ void Messager::connect()
 {
     if (context)
         return;
+    // A refused login stays refused until something changes: a service that
+    // loops on an operation must not send AUTH (and report) as fast as it
+    // can, so for a second the operations fail at once.
+    const auto now = std::chrono::steady_clock::now();
+    if (refused_at && now - *refused_at < std::chrono::seconds(1))
+        return;
     const int tries = attempts > 0 ? attempts : 2000000000;
     for (int i = 0; i < tries; ++i) {
         Context c;
         switch (open_connection(address, port, credentials, c, &refusal)) {
         case Opened::ok:
             context = c.release();
+            refused_at.reset();
             return;
         case Opened::refused:
+            refused_at = std::chrono::steady_clock::now();
             return;  // another attempt would be refused the same way
         case Opened::no_context:
             BMSG_REPORT("connect", "Can't allocate redis context\n");
@@ -339,8 +348,15 @@ int Messager::subscribe(const char* channel, MessageCallback callback)
 {
     if (!ensure_connected())
         return -1;
-    if (const int rc = verdict(command(context, "SUBSCRIBE %s", channel).get(), -3))
-        return rc;
+    // A refused SUBSCRIBE leaves the connection out of subscriber mode: no
+    // message would ever come, so it is -4 whatever set_error_replies says.
+    Reply confirmed = command(context, "SUBSCRIBE %s", channel);
+    if (!confirmed)
+        return -3;
+    if (confirmed->type == REDIS_REPLY_ERROR) {
+        refusal.assign(confirmed->str, confirmed->len);
+        return -4;
+    }
     for (;;) {
         void* raw = nullptr;
         if (redisGetReply(context, &raw) != REDIS_OK)

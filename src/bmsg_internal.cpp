@@ -103,8 +103,10 @@ Opened open_connection(const std::string& address, uint16_t port, const Login& l
         return Opened::failed;
     if (r->type != REDIS_REPLY_ERROR)
         return Opened::ok;
-    BMSG_REPORT("connect", "AUTH refused: %s: address[%s] port[%d]", r->str, address.c_str(),
-                port);
+    // The same refusal again on the same object is not reported again.
+    if (!reason || reason->compare(0, std::string::npos, r->str, r->len) != 0)
+        BMSG_REPORT("connect", "AUTH refused: %s: address[%s] port[%d]", r->str, address.c_str(),
+                    port);
     if (reason)
         reason->assign(r->str, r->len);
     out.reset();

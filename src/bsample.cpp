@@ -6,6 +6,9 @@
 #include "bmsg_internal.h"
 #include "bshmem.h"
 
+#include <sys/file.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -22,25 +25,10 @@ namespace {
 // Payload layout of a sample segment: the image header, then the pixels.
 constexpr size_t sample_header = BImage::Image::header_size;
 
-// Segment capacity for an image, in 32-bit arithmetic like count().
-size_t sample_capacity(const BImage::Image& image)
-{
-    return static_cast<uint32_t>(image.count()) + static_cast<uint32_t>(sample_header);
-}
-
-// count() as a length for SharedMemory: a negative count becomes a length no
-// segment can hold, so the copy throws instead of running wild.
-size_t pixel_length(const BImage::Image& image)
-{
-    return static_cast<size_t>(image.count());
-}
-
 // The modality's segment as a receiver maps it, opened on first use, with
 // room for `capacity` payload bytes; null when that cannot be had. A cached
-// mapping costs one fstat: when its object was replaced (a restarted
-// sender), cut or is too short for this image, it is opened afresh or
-// mapped further (SharedMemory::follow). A cached entry is dropped only when
-// its name cannot be opened any more.
+// mapping costs one fstat (SharedMemory::follow). A cached entry is dropped
+// only when its name cannot be opened any more.
 SharedMemory* receiver_segment(Messager& bus, const std::string& modality, size_t capacity)
 {
     auto found = bus.segments.find(modality);
@@ -67,31 +55,23 @@ enum class Taken { done, missing, other };
 
 // Calls `use` with the pixels (`length` bytes) of the image `descriptor`
 // (32 bytes) describes, under the segment lock, when the segment still holds
-// that image: its header at payload offset 0 equals the descriptor. When it
-// holds another one and the name now opens another object, that one is
-// tried once.
+// that image: its header at payload offset 0 equals the descriptor. A sender
+// clears that header before it touches the pixels and writes it back only
+// once they are all written, so a write that did not finish (a fill that
+// threw, a sender killed in its copy) never matches.
 Taken take_sample(Messager& bus, const std::string& modality, const char* descriptor,
                   size_t length, const std::function<void(const unsigned char*)>& use)
 {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        SharedMemory* segment = receiver_segment(bus, modality, sample_header + length);
-        if (!segment)
-            return Taken::missing;
-        bool same = false;
-        segment->read(sample_header + length, 0, [&](const unsigned char* payload) {
-            same = memcmp(payload, descriptor, sample_header) == 0;
-            if (same)
-                use(payload + sample_header);
-        });
+    SharedMemory* segment = receiver_segment(bus, modality, sample_header + length);
+    if (!segment)
+        return Taken::missing;
+    bool same = false;
+    segment->read(sample_header + length, 0, [&](const unsigned char* payload) {
+        same = memcmp(payload, descriptor, sample_header) == 0;
         if (same)
-            return Taken::done;
-        if (attempt > 0 || !segment->replaced())
-            break;
-        segment->owner = false;  // its name is another object's now
-        delete segment;
-        bus.segments.erase(modality);
-    }
-    return Taken::other;
+            use(payload + sample_header);
+    });
+    return same ? Taken::done : Taken::other;
 }
 
 // Decodes a descriptor; false when it is not one. A parser that succeeds
@@ -160,28 +140,19 @@ int Messager::bio_sample_send(const char* modality, BImage::Image* image)
 {
     if (!ensure_connected())
         return -1;
-    if (!image || (!image->data && image->count() != 0))
+    if (!image || image->count() < 0 || (!image->data && image->count() != 0))
         return -10;
-    const std::string name(modality);
-    // The key goes into the push's command text, where a blank would split it.
-    if (name.find(' ') != std::string::npos)
-        return -2;
-    const unsigned char* header = image->format_header();
-    const size_t length = pixel_length(*image);
-    // Pixels and header in one hold of the lock; the bounds are those of the
-    // pixels at payload offset 32, the header goes just before them.
-    return put_sample(name, sample_capacity(*image), length, sample_header, header,
-                      [&](unsigned char* pixels) {
-                          if (length)
-                              memcpy(pixels, image->data, length);
-                          memcpy(pixels - sample_header, header, sample_header);
-                      });
+    const size_t length = static_cast<size_t>(image->count());
+    return put_sample(modality, length, image->format_header(), [&](unsigned char* pixels) {
+        if (length)
+            memcpy(pixels, image->data, length);
+    });
 }
 
-// The sender's segment of a modality, created or attached on first use with
-// room for `capacity` bytes (and the object's segment mode, when one is
-// set). One fstat per send: a segment that lost its name (a peer that
-// created it ended) or was cut is created or attached again.
+// The sender's segment of a modality with room for `capacity` bytes:
+// created or attached on first use (with the object's segment mode, when
+// one is set), then one fstat per send; grown when an image needs more.
+// Null when it cannot be grown.
 SharedMemory* Messager::sender_segment(const std::string& name, size_t capacity)
 {
     auto found = segments.find(name);
@@ -191,40 +162,92 @@ SharedMemory* Messager::sender_segment(const std::string& name, size_t capacity)
         found = segments.emplace(name, segment.get()).first;
         segment.release();
     }
-    SharedMemory* segment = found->second;
-    if (!segment->current())
-        segment->create();
-    return segment;
+    return found->second->reserve(capacity) ? found->second : nullptr;
 }
 
-int Messager::put_sample(const std::string& name, size_t capacity, size_t len, size_t offset,
-                         const unsigned char* header, const std::function<void(unsigned char*)>& fill)
-{
-    SharedMemory* segment = sender_segment(name, capacity);
-    const std::string key = bio_sample + name;
-    if (backpressure < 0) {
-        segment->write(len, offset, fill);
-        return list_send(key.c_str(), "%b", header, sample_header);
+namespace {
+
+// Holds flock(LOCK_EX) on a segment, if it could be had at once: the lock
+// senders with back-pressure take around their LLEN, write and push.
+// Receivers never take it, so its holder may wait on the network.
+class SenderLock {
+public:
+    explicit SenderLock(int fd) : fd_(fd), held_(flock(fd, LOCK_EX | LOCK_NB) == 0) {}
+    ~SenderLock()
+    {
+        if (held_)
+            flock(fd_, LOCK_UN);
     }
-    // LLEN and the push inside the lock section: another sender that asks
-    // after us sees our descriptor.
+    SenderLock(const SenderLock&) = delete;
+    SenderLock& operator=(const SenderLock&) = delete;
+    explicit operator bool() const { return held_; }
+
+private:
+    int fd_;
+    bool held_;
+};
+
+} // namespace
+
+int Messager::put_sample(const std::string& name, size_t length, const unsigned char* header,
+                         const std::function<void(unsigned char*)>& pixels)
+{
+    // The key goes into the push's command text, where a blank would split it.
+    if (name.find(' ') != std::string::npos)
+        return -2;
+    const std::string key = bio_sample + name;
+    const auto write_and_push = [&](SharedMemory* segment) {
+        // The header is cleared before the pixels change and written last,
+        // all in one hold of the lock: whatever stops the write halfway
+        // leaves a header no descriptor matches. The fences keep the
+        // compiler from moving the stores across each other.
+        segment->write(sample_header + length, 0, [&](unsigned char* payload) {
+            memset(payload, 0, sample_header);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            pixels(payload + sample_header);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            memcpy(payload, header, sample_header);
+        });
+        return list_send(key.c_str(), "%b", header, sample_header);
+    };
+    // LLEN, write and push under the senders' lock, so that another sender
+    // that asks after us sees our descriptor; the segment mutex is held only
+    // for the copy, never across a round trip. The segment is looked at
+    // again each round: its creator may have ended while we waited.
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(backpressure);
     for (;;) {
-        int queued = 0;
-        int rc = 0;
-        segment->write(len, offset, [&](unsigned char* p) {
-            queued = list_size(key.c_str());
-            if (queued == 0) {
-                fill(p);
-                rc = list_send(key.c_str(), "%b", header, sample_header);
-            }
-        });
-        if (queued <= 0)
-            return queued < 0 ? queued : rc;
+        SharedMemory* segment = sender_segment(name, sample_header + length);
+        if (!segment)
+            return -13;
+        if (backpressure < 0)
+            return write_and_push(segment);
+        if (const SenderLock senders{segment->fd}) {
+            const int queued = queued_samples(key);
+            if (queued < 0)
+                return queued;
+            if (queued == 0)
+                return write_and_push(segment);
+        }
         if (std::chrono::steady_clock::now() >= end)
             return -12;
         sleep_ms(2);
     }
+}
+
+// LLEN of a sample list for back-pressure: an error reply is a refusal
+// (-4, whatever set_error_replies says), never "nothing queued".
+int Messager::queued_samples(const std::string& key)
+{
+    if (!ensure_connected())
+        return -1;
+    Reply r = command(context, "LLEN %b", key.data(), key.size());
+    if (!r)
+        return -3;
+    if (r->type == REDIS_REPLY_ERROR) {
+        refusal.assign(r->str, r->len);
+        return -4;
+    }
+    return static_cast<int>(r->integer);
 }
 
 int Messager::bio_sample_loan(const char* modality, int width, int height,
@@ -237,26 +260,20 @@ int Messager::bio_sample_loan(const char* modality, int width, int height,
     if (shape.count() <= 0)
         return -10;
     const size_t length = static_cast<size_t>(shape.count());
-    const std::string name(modality);
-    if (name.find(' ') != std::string::npos)
-        return -2;
-    const unsigned char* header = shape.format_header();
-    // Pixels, then the header in the same lock section: a reader never sees
-    // the header of an image whose pixels are not written yet.
-    return put_sample(name, sample_header + length, sample_header + length, 0, header,
-                      [&](unsigned char* payload) {
-                          fill(payload + sample_header, length);
-                          memcpy(payload, header, sample_header);
-                      });
+    return put_sample(modality, length, shape.format_header(),
+                      [&](unsigned char* pixels) { fill(pixels, length); });
 }
 
 int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout, char* out,
-                         int len, std::string& modality, std::string& descriptor)
+                         int len, std::string& modality, std::string& descriptor,
+                         std::string* why)
 {
     if (!ensure_connected())
         return -1;
     if (modalities.empty())
         return 0;
+    // Each modality's list is its own key, so the first descriptor pushed to
+    // any of them is taken.
     std::vector<std::string> keys;
     for (const char* m : modalities)
         keys.push_back(bio_sample + std::string(m));
@@ -270,20 +287,36 @@ int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout
     argv.push_back(seconds.c_str());
     lengths.push_back(seconds.size());
     Reply r = command_argv(context, static_cast<int>(argv.size()), argv.data(), lengths.data());
-    if (const int rc = verdict(r.get(), -3))
-        return rc;
+    if (!r)
+        return -3;
+    if (r->type == REDIS_REPLY_ERROR) {
+        refusal.assign(r->str, r->len);
+        if (why)
+            *why = "pop refused: " + refusal;
+        return -4;
+    }
     if (r->type == REDIS_REPLY_NIL)
         return 0;
-    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2)
+    char text[64];
+    const redisReply* bad = r->type != REDIS_REPLY_ARRAY || r->elements != 2 ? r.get()
+                            : r->element[0]->type != REDIS_REPLY_STRING      ? r->element[0]
+                            : r->element[1]->type != REDIS_REPLY_STRING      ? r->element[1]
+                                                                             : nullptr;
+    if (bad) {
+        snprintf(text, sizeof text, "bad data type: %d", bad->type);
+        if (why)
+            *why = text;
         return -6;
+    }
     const redisReply* key = r->element[0];
-    const redisReply* value = r->element[1];
     const size_t prefix = strlen(bio_sample);
-    if (key->type != REDIS_REPLY_STRING || value->type != REDIS_REPLY_STRING || value->len == 0 ||
-        key->len < prefix || strncmp(key->str, bio_sample, prefix) != 0)
+    if (key->len < prefix || strncmp(key->str, bio_sample, prefix) != 0) {
+        if (why)
+            *why = "bad modality: " + std::string(key->str, key->len);
         return -6;
+    }
     modality.assign(key->str + prefix, key->len - prefix);
-    descriptor.assign(value->str, value->len);
+    descriptor.assign(r->element[1]->str, r->element[1]->len);
     return out && !copy_modality(out, len, modality) ? -5 : 1;
 }
 
@@ -357,79 +390,42 @@ int Messager::bio_sample_recv_into(const std::vector<const char*>& modalities, i
     return got;
 }
 
-BImage::Image* Messager::bio_sample_recv_any(const std::vector<const char*>& modalities,
-                                             int timeout, char* out, int len)
+// The receives that return an image: one pop on every modality's own list,
+// each failure reported under `func`, then the pixels copied out. The
+// modality goes to `out` when it is given.
+BImage::Image* Messager::receive(const char* func, const std::vector<const char*>& modalities,
+                                 int timeout, char* out, int len)
 {
     std::string modality;
     std::string descriptor;
-    const int rc = pop_sample(modalities, timeout, nullptr, 0, modality, descriptor);
-    if (rc == -6)
-        BMSG_REPORT("bio_sample_recv_any", "bad data type");
+    std::string why;
+    const int rc = pop_sample(modalities, timeout, nullptr, 0, modality, descriptor, &why);
+    if (!why.empty())
+        BMSG_REPORT(func, "%s", why.c_str());
     if (rc != 1)
         return nullptr;
-    if (!copy_modality(out, len, modality)) {
-        BMSG_REPORT("bio_sample_recv_any", "buffer size too small: %d", len);
+    if ((out || len) && !copy_modality(out, len, modality)) {
+        BMSG_REPORT(func, "buffer size too small: %d", len);
         return nullptr;
     }
-    return load_sample(*this, "bio_sample_recv_any", descriptor.data(), descriptor.size(),
-                       modality);
+    return load_sample(*this, func, descriptor.data(), descriptor.size(), modality);
+}
+
+BImage::Image* Messager::bio_sample_recv_any(const std::vector<const char*>& modalities,
+                                             int timeout, char* out, int len)
+{
+    return receive("bio_sample_recv_any", modalities, timeout, out, len);
 }
 
 BImage::Image* Messager::bio_sample_recv(const char* modality, int timeout)
 {
-    if (!ensure_connected())
-        return nullptr;
-    const std::string key = bio_sample + std::string(modality);
-    Reply r = command(context, "BRPOP %s %d", key.c_str(), timeout);
-    if (!r || r->type == REDIS_REPLY_NIL)
-        return nullptr;
-    if (r->type != REDIS_REPLY_STRING) {
-        BMSG_REPORT("bio_sample_recv", "bad data type: %d", r->type);
-        return nullptr;
-    }
-    return load_sample(*this, "bio_sample_recv", r->str, r->len, modality);
+    return receive("bio_sample_recv", {modality}, timeout, nullptr, 0);
 }
 
 BImage::Image* Messager::bio_sample_recv(std::vector<const char*> modalities, int timeout,
                                          char* out, int len)
 {
-    if (!ensure_connected())
-        return nullptr;
-    // Nothing to wait on: BRPOP with an empty key would block on a list no
-    // sender uses.
-    if (modalities.empty())
-        return nullptr;
-    std::string keys;
-    for (const char* m : modalities)
-        keys += " " + std::string(bio_sample) + m;
-    Reply r = command(context, "BRPOP %s %d", keys.c_str() + 1, timeout);
-    if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 2)
-        return nullptr;
-
-    const redisReply* key = r->element[0];
-    if (key->type != REDIS_REPLY_STRING) {
-        BMSG_REPORT("bio_sample_recv", "bad data type: %d", key->type);
-        return nullptr;
-    }
-    const size_t prefix = strlen(bio_sample);
-    if (key->len < prefix || strncmp(key->str, bio_sample, prefix) != 0) {
-        BMSG_REPORT("bio_sample_recv", "bad modality: %s", key->str);
-        return nullptr;
-    }
-    const std::string modality(key->str + prefix, key->len - prefix);
-    if (!copy_modality(out, len, modality)) {
-        BMSG_REPORT("bio_sample_recv", "buffer size too small: %d", len);
-        return nullptr;
-    }
-
-    const redisReply* value = r->element[1];
-    if (value->type == REDIS_REPLY_NIL)
-        return nullptr;
-    if (value->type != REDIS_REPLY_STRING) {
-        BMSG_REPORT("bio_sample_recv", "bad data type: %d", value->type);
-        return nullptr;
-    }
-    return load_sample(*this, "bio_sample_recv", value->str, value->len, modality);
+    return receive("bio_sample_recv", modalities, timeout, out, len);
 }
 
 BImage::Image* Messager::bio_sample_read(const char* modality)

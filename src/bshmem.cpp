@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -113,6 +114,29 @@ uint64_t length_of(int fd)
     return fstat(fd, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
 }
 
+// Makes the object at least `length` bytes long with every page allocated:
+// an object only ftruncate()d gets its pages on first touch, and a full
+// /dev/shm then kills the writer with SIGBUS. Never shrinks.
+bool allocate(int fd, uint64_t length)
+{
+    return posix_fallocate(fd, 0, static_cast<off_t>(length)) == 0;
+}
+
+// Whether `name` now opens another object than `fd` (an open and two fstat).
+// False when the name cannot be opened.
+bool names_another(const std::string& name, int fd)
+{
+    const int named = shm_open(name.c_str(), O_RDONLY, 0);
+    if (named == -1)
+        return false;
+    struct stat now, mine;
+    const bool other = fstat(named, &now) == 0 &&
+                       (fd == -1 || fstat(fd, &mine) != 0 || now.st_ino != mine.st_ino ||
+                        now.st_dev != mine.st_dev);
+    ::close(named);
+    return other;
+}
+
 } // namespace
 
 SharedMemory::SharedMemory(const std::string& name_, size_t capacity, bool create_, mode_t mode_)
@@ -122,7 +146,7 @@ SharedMemory::SharedMemory(const std::string& name_, size_t capacity, bool creat
     if (owner)
         create();
     else
-        open_existing();
+        follow(capacity);
 }
 
 SharedMemory::~SharedMemory()
@@ -130,34 +154,9 @@ SharedMemory::~SharedMemory()
     close();
 }
 
-void SharedMemory::map()
-{
-    void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (p == MAP_FAILED)
-        return;
-    addr = p;
-    mutex = static_cast<pthread_mutex_t*>(p);
-}
-
-void SharedMemory::open_existing()
-{
-    fd = shm_open(name.c_str(), O_RDWR, 0666);
-    if (fd == -1)
-        return;
-    // A segment shorter than the mapping would fault (SIGBUS) on access past
-    // its end, and one shorter than 48 bytes has no mutex yet: such a
-    // segment counts as missing.
-    if (length_of(fd) >= size)
-        map();
-    if (!addr)
-        release();
-}
-
 void SharedMemory::create()
 {
-    struct stat st;
-    const bool ours = owner && fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0;
-    if (ours) {
+    if (owner && named()) {
         if (addr)
             munmap(addr, size);
         addr = nullptr;
@@ -205,8 +204,7 @@ void SharedMemory::attach()
     bool sized = true;
     try {
         SegmentLock lock(static_cast<pthread_mutex_t*>(head));
-        if (length_of(fd) < size)
-            sized = ftruncate(fd, static_cast<off_t>(size)) == 0;
+        sized = allocate(fd, size);
     } catch (...) {
         munmap(head, header_size);
         release();
@@ -215,8 +213,7 @@ void SharedMemory::attach()
     munmap(head, header_size);
     if (!sized)
         fail("Failed to set size of shared memory");
-    map();
-    if (!addr)
+    if (!remap(size))
         fail("Failed to map shared memory");
 }
 
@@ -229,7 +226,7 @@ void SharedMemory::replace_abandoned()
     // segment anew while holding that lock; waiters after it find the name
     // replaced and attach to the new segment. Another user's object may not
     // be ours to remove.
-    if (flock(fd, LOCK_EX) != 0 || (!replaced() && length_of(fd) < header_size &&
+    if (flock(fd, LOCK_EX) != 0 || (!names_another(name, fd) && length_of(fd) < header_size &&
                                     shm_unlink(name.c_str()) != 0 && errno != ENOENT)) {
         release();
         throw std::runtime_error("Failed to create shared memory: " + name);
@@ -239,11 +236,47 @@ void SharedMemory::replace_abandoned()
     create();
 }
 
-bool SharedMemory::current() const
+bool SharedMemory::named() const
 {
     struct stat st;
-    return fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0 &&
-           static_cast<uint64_t>(st.st_size) >= size;
+    return fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0;
+}
+
+bool SharedMemory::remap(uint64_t length)
+{
+    void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (p == MAP_FAILED)
+        return false;
+    if (addr)
+        munmap(addr, size);
+    addr = p;
+    mutex = static_cast<pthread_mutex_t*>(p);
+    size = length;
+    return true;
+}
+
+bool SharedMemory::reserve(size_t capacity)
+{
+    const uint64_t wanted = std::max(size, total_size(capacity));
+    struct stat st;
+    if (fd == -1 || fstat(fd, &st) != 0 || st.st_nlink == 0 ||
+        static_cast<uint64_t>(st.st_size) < size) {
+        if (addr)
+            munmap(addr, size);
+        addr = nullptr;
+        mutex = nullptr;
+        size = wanted;
+        create();
+        return true;
+    }
+    if (wanted == size)
+        return true;
+    bool grown;
+    {
+        SegmentLock lock(mutex);
+        grown = allocate(fd, wanted);
+    }
+    return grown && remap(wanted);
 }
 
 bool SharedMemory::follow(size_t capacity)
@@ -254,38 +287,21 @@ bool SharedMemory::follow(size_t capacity)
     if (known && st.st_nlink > 0 && static_cast<uint64_t>(st.st_size) >= size) {
         if (wanted <= size)
             return true;
-        if (static_cast<uint64_t>(st.st_size) < wanted)
-            return false;
         // The same object, grown by a sender: map it further.
-        munmap(addr, size);
-        addr = nullptr;
-        mutex = nullptr;
-        size = wanted;
-        map();
-        if (!addr)
-            release();
-        return addr != nullptr;
+        return static_cast<uint64_t>(st.st_size) >= wanted && remap(wanted);
     }
     // Unlinked: the name, if any, is another process's object now.
     if (known && st.st_nlink == 0)
         owner = false;
     release();
     size = wanted;
-    open_existing();
+    fd = shm_open(name.c_str(), O_RDWR, 0666);
+    // A segment shorter than the mapping would fault (SIGBUS) on access past
+    // its end, and one shorter than 48 bytes has no mutex yet: such a
+    // segment counts as missing.
+    if (fd != -1 && (length_of(fd) < size || !remap(size)))
+        release();
     return addr != nullptr;
-}
-
-bool SharedMemory::replaced() const
-{
-    const int named = shm_open(name.c_str(), O_RDONLY, 0);
-    if (named == -1)
-        return false;
-    struct stat now, mine;
-    const bool other = fstat(named, &now) == 0 &&
-                       (fd == -1 || fstat(fd, &mine) != 0 || now.st_ino != mine.st_ino ||
-                        now.st_dev != mine.st_dev);
-    ::close(named);
-    return other;
 }
 
 void SharedMemory::write(const void* data, size_t len, size_t offset)
@@ -327,10 +343,9 @@ void SharedMemory::read(size_t len, size_t offset,
 void SharedMemory::close()
 {
     // An object that lost its name may see the name reused by a new creator.
-    struct stat st;
-    const bool named = owner && fd != -1 && fstat(fd, &st) == 0 && st.st_nlink > 0;
+    const bool unlink = owner && named();
     release();
-    if (named)
+    if (unlink)
         shm_unlink(name.c_str());
 }
 

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -135,11 +136,12 @@ TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
     EXPECT_EQ(str(static_cast<unsigned char*>(peer.addr) + 48, 32), header);
     EXPECT_TRUE(holds(static_cast<unsigned char*>(peer.addr) + 80, 1024, 7));
     EXPECT_EQ(bMSG::SharedMemory("/" + key(m), 1024 + 33, false).addr, nullptr);
-    EXPECT_THROW(bus->bio_sample_send(m.c_str(), &wider), std::runtime_error);
-    EXPECT_EQ(queued(server, m), 2) << "nothing pushed";
+    bMSG::Messager fresh(server.socket().c_str(), 0, 1);
+    ASSERT_EQ(fresh.list_clear(key(m).c_str()), 1);
+    EXPECT_EQ(bus->bio_sample_send(m.c_str(), &stamp(wider, 9)), 0);
+    EXPECT_EQ(take(fresh, pop, m, 9), 1) << "grown, and followed";
 
     // Cut under a receiver that mapped it, to its mutex or to nothing: invalid (no SIGBUS) until its owner sends again.
-    bMSG::Messager fresh(server.socket().c_str(), 0, 1);
     char out[64];
     for (int how : {2, 0, 3}) {  // 2: a second sender comes after the cut
         ASSERT_EQ(bus->bio_sample_send(m.c_str(), &image), 0);  // restores what the last round cut
@@ -166,8 +168,7 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
     redis_raw(server, "DEL %s", key(s).c_str());
     const std::string h8 = str(small.format_header(), 32), h64 = str(big.format_header(), 32);
     const int cut = static_cast<int>(s.size());
-    // The view's code; the others report every failure (the one-modality form
-    // gives null, reporting each descriptor it cannot read).
+    // The view's code; the others report every failure (the one-modality form writes no modality).
     const struct { std::string m, pushed; int len, view; } rows[] = {
         {g, std::string(32, 'Z'), 64, -6}, {g, h8 + "x", 64, -6}, {g, "", 64, -6}, {o, h64, 64, -9},
         {s, h64, 64, -9}, {s, h8, cut, -5}, {s, h8, 64, 1}, {g, "(nothing)", 64, 0}};
@@ -176,8 +177,9 @@ TEST(SampleReceive, FailuresOfEveryReceiverAndTheReaderReportOrReturnTheirCode)
             if (row.view != 0)
                 redis_raw(server, "LPUSH %s %b", key(row.m).c_str(), row.pushed.data(), row.pushed.size());
             const auto c = with_bus(server, how & 1, [&](bMSG::Messager& bus) { return take(bus, how, row.m, 0, row.len); });
-            EXPECT_EQ(reported(c), how == single ? row.view != 0 : how != view && row.view < 0) << (&row - rows) << how;
-            EXPECT_EQ(c.status, how == view ? row.view : row.view == 1 && how != single) << (&row - rows) << how;
+            const int rc = how == single && row.view == -5 ? 1 : row.view;
+            EXPECT_EQ(reported(c), how != view && rc < 0) << (&row - rows) << how;
+            EXPECT_EQ(c.status, how == view ? rc : rc == 1) << (&row - rows) << how;
             EXPECT_EQ(queued(server, row.m), 0);
         }
     EXPECT_TRUE((redis_raw(server, "LPUSH %s %b", key(s).c_str(), h64.data(), h64.size()), take(sender, view, s)) == -9 && segment_exists(s)) << "kept";
@@ -228,18 +230,28 @@ TEST(SampleExtras, LoanCodesLocksFreedOnEveryExitAndSegmentMode)
     const std::string m = unique("LOAN");
     int fills = 0;
     const auto fill = [&](unsigned char*, size_t n) { fills += n == 16; };
-    const auto view = [&](int w, int h, BImage::ImageFormat, const unsigned char*) { fills += w * h; };
+    const auto look = [&](int w, int h, BImage::ImageFormat, const unsigned char*) { fills += w * h; };
     const auto throws = [](int, int, BImage::ImageFormat, const unsigned char*) { throw 1; };
     EXPECT_EQ(bus.bio_sample_loan(m.c_str(), 0, 5, BImage::GRAY8, fill), -10);
     EXPECT_EQ(bus.bio_sample_loan(m.c_str(), 4, 4, static_cast<BImage::ImageFormat>(10), fill), -10);
     EXPECT_EQ(bus.bio_sample_loan("a b", 4, 4, BImage::GRAY8, fill), -2);
-    EXPECT_THROW(bus.bio_sample_loan(m.c_str(), 4, 4, BImage::GRAY8, [](unsigned char*, size_t) { throw 1; }), int);
-    EXPECT_THROW(bus.bio_sample_loan(m.c_str(), 5, 4, BImage::GRAY8, fill), std::runtime_error);
     EXPECT_TRUE(fills == 0 && queued(server, m) == 0) << "nothing filled or pushed";
     ASSERT_EQ(bus.bio_sample_loan(m.c_str(), 4, 4, BImage::GRAY8, fill), 0);
     EXPECT_THROW(bus.bio_sample_view({m.c_str()}, 1, throws), int);
     ASSERT_EQ(bus.bio_sample_loan(m.c_str(), 2, 8, BImage::GRAY8, fill), 0);
-    EXPECT_TRUE(bus.bio_sample_view({m.c_str()}, 1, view) == 1 && fills == 18) << "both locks were freed";
+    EXPECT_TRUE(bus.bio_sample_view({m.c_str()}, 1, look) == 1 && fills == 18) << "both locks were freed";
+    // A write that did not finish is never delivered: a fill that throws halfway (in a grown segment), a second
+    // sender killed in its fill (its robust mutex taken over; qemu-user has none, its lock would stay held).
+    for (const char* cut : {"throw", getenv("BMSG_TEST_EMULATOR") ? "throw" : "die"})
+        for (How how : {pop, any, view, into, peek, single}) {
+            ASSERT_EQ(bus.bio_sample_loan(m.c_str(), 64, 64, BImage::GRAY8, [](unsigned char* p, size_t n) { paint(p, n, 3), memcpy(p, "\3\0\0", 4); }), 0);
+            if (*cut == 't')
+                EXPECT_THROW(bus.bio_sample_loan(m.c_str(), 64, 64, BImage::GRAY8, [](unsigned char* p, size_t n) { memset(p, 2, n / 2), throw 1; }), int);
+            else
+                EXPECT_EQ(bmsg_test::spawn_role("send", {server.socket(), m, "64", "4", "0", "0", "die"}).wait(), 128 + SIGKILL);
+            EXPECT_EQ(bmsg_test::run_captured([&] { return take(bus, how, m, 3); }).status, how == view || how == into ? -11 : 0) << cut << how;
+            EXPECT_EQ(queued(server, m), 0) << how;
+        }
 
     const struct { mode_t asked, umask, expected; } modes[] = {
         {0, 022, 0644}, {0, 0, 0666}, {0600, 0, 0600}, {0660, 077, 0660}, {0640, 0, 0640}};
@@ -300,13 +312,15 @@ BMSG_ROLE(send)
     bMSG::Messager bus(args.at(0).c_str(), 0, 1);
     const int side = std::stoi(args.at(2)), seconds = std::stoi(args.at(4));
     const auto f = static_cast<BImage::ImageFormat>(args.size() > 5 ? std::stoi(args[5]) : 0);
+    const std::string mode = args.size() > 6 ? args[6] : "";  // "loan", "die" (lends, killed in its fill), "bp" (back-pressure)
+    bus.set_sample_backpressure(mode == "bp" ? 5000 : -1);
     Image image(side, side, f, nullptr);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     for (uint32_t i = std::stoul(args.at(3)); seconds == 0 || std::chrono::steady_clock::now() < end; ++i) {
-        while (bus.list_size(key(args[1]).c_str()) > 8)
+        while (mode != "bp" && bus.list_size(key(args[1]).c_str()) > 8)
             usleep(500);
-        const auto fill = [&](unsigned char* p, size_t n) { paint(p, n, i), memcpy(p, &i, 4); };
-        if ((args.size() > 6 && args[6] == "loan" ? bus.bio_sample_loan(args[1].c_str(), side, side, f, fill) : bus.bio_sample_send(args[1].c_str(), &stamp(image, i))) != 0)
+        const auto fill = [&](unsigned char* p, size_t n) { paint(p, n, i), memcpy(p, &i, 4), mode == "die" && raise(SIGKILL); };
+        if ((mode == "loan" || mode == "die" ? bus.bio_sample_loan(args[1].c_str(), side, side, f, fill) : bus.bio_sample_send(args[1].c_str(), &stamp(image, i))) != 0)
             return 1;
         char quit[8];
         if (seconds == 0 && printf("sent\n") > 0 && fflush(stdout) == 0)
@@ -339,14 +353,21 @@ TEST(SampleLifecycle, ALongLivedReceiverGetsWholeImagesOfRestartedAndOfTwoConcur
             EXPECT_EQ(sender.wait(), 0) << sender.err();
             EXPECT_FALSE(segment_exists(m)) << "the sender unlinks its segment as it returns";
         }
-    bmsg_test::Child a = started(server, m, "16", 1600000, "2"), b = started(server, m, "24", 2400000, "2");
-    int whole = 0;
-    for (int i = 0; !a.ended() || !b.ended() || i % 5; ++i) {
-        const int rc = take(bus, static_cast<How>(i % 5), m, 0);
-        EXPECT_TRUE(rc == 1 || rc <= 0) << "a mixed image, receiver " << i % 5;
-        whole += rc == 1;
+    Image first(8, 8, BImage::GRAY8, nullptr);
+    for (const char* mode : {"", "bp"}) {  // back-pressure never overwrites a queued image: every peek gets its own
+        ASSERT_TRUE(!*mode || bus.bio_sample_send(m.c_str(), &first) == 0) << "the creator, alive throughout";
+        bmsg_test::Child a = (redis_raw(server, "DEL %s", key(m).c_str()), started(server, m, "16", 1600000, "2", {"0", mode}));
+        bmsg_test::Child b = started(server, m, "24", 2400000, "2", {"0", mode});
+        int whole = 0;
+        for (int i = 0; !a.ended() || !b.ended() || i % 5; ++i) {
+            if (*mode && queued(server, m) == 0 && !usleep(100))
+                continue;
+            const int rc = take(bus, *mode ? peek : static_cast<How>(i % 5), m, 0);
+            EXPECT_TRUE(rc == 1 || (rc <= 0 && !*mode)) << "receiver " << i % 5 << " mode " << mode;
+            whole += rc == 1;
+        }
+        EXPECT_TRUE(a.wait() == 0 && b.wait() == 0 && whole > 0) << a.err() << b.err();
     }
-    EXPECT_TRUE(a.wait() == 0 && b.wait() == 0 && whole > 0) << a.err() << b.err();
 }
 
 TEST(SampleLifecycle, SecondSendersTakeAPeersPlainMutexAsItIsNeverShrinkAndGrowUnderTheLock)
