@@ -14,8 +14,12 @@
 // caller's buffer; -6 a reply element is not a string; -7 no reply to SET;
 // -8 no reply to GET; -10 no image given to the sample sender; -11 the
 // sample segment holds another image; -12 a sample send refused under
-// back-pressure; -4 (only after set_error_replies(true)) the server refused
-// the command.
+// back-pressure; -13 the sample segment could not be grown (shared memory
+// full; nothing written or pushed); -4 the server refused the command
+// (after set_error_replies(true), which a login turns on; a refused
+// SUBSCRIBE, a refused back-pressure LLEN and a refused pop of the int
+// sample receivers always). Every -4 leaves the server's text in
+// last_error().
 //
 // Failures that are reported write "bMSG ERROR <function>[<line>]:" to
 // stderr, then the message and a line break to stdout.
@@ -176,9 +180,12 @@ public:
 
     // SUBSCRIBE channel, then blocks for ever handing each message to
     // `callback` on the calling thread. Returns 0 when the connection fails
-    // (the only way out), -1 with no connection, -3 when SUBSCRIBE got no
-    // reply. An empty callback throws std::bad_function_call on the first
-    // message. The connection serves only the subscription afterwards.
+    // (the only way out once subscribed), -1 with no connection, -3 when
+    // SUBSCRIBE got no reply, -4 when the server refused it (whatever
+    // set_error_replies says: the first version waited for ever for
+    // messages that could not come). An empty callback throws
+    // std::bad_function_call on the first message. The connection serves
+    // only the subscription afterwards.
     int subscribe(const char* channel, MessageCallback callback);
 
     // Biometric samples. For a modality m the descriptor list is
@@ -192,9 +199,16 @@ public:
     //
     // A sender creates the segment when its name is free, else attaches to
     // the one that exists (another sender's): it never re-initialises its
-    // mutex, never shrinks it, grows it under the lock when its first image
-    // needs more room, and leaves unlinking to the creator. Each send writes
-    // the pixels and the header in one hold of the lock. Before it copies, a
+    // mutex, never shrinks it, grows it under the lock whenever an image
+    // needs more room (its pages allocated at once, so a full /dev/shm gives
+    // -13 and never SIGBUS), and leaves unlinking to the creator. Each send
+    // clears the segment's header, writes the pixels, then the header, in
+    // one hold of the lock: a write that did not finish (a fill that threw,
+    // a sender killed in its copy, whose lock the next holder takes over)
+    // leaves a cleared header that no descriptor matches, so no receiver
+    // delivers its pixels. (The first version wrote the pixels and the
+    // header under two holds of the lock and never grew a segment: a larger
+    // image threw.) Before it copies, a
     // receiver checks with one fstat that its cached segment still has its
     // name and length; a segment a restarted sender made anew, cut or grown
     // is opened again by name (so a cached segment smaller than a new image
@@ -210,8 +224,8 @@ public:
     //
     // The segment holds one image. Equal headers cannot tell a same-shape
     // overwrite apart: a receiver that falls behind gets the newer capture
-    // under the older descriptor. set_sample_backpressure below keeps a
-    // sender from overwriting while a descriptor is queued; what remains is
+    // under the older descriptor. set_sample_backpressure below keeps
+    // senders from overwriting while a descriptor is queued; what remains is
     // the moment between a receiver's pop and its copy. To close it, send
     // the next image only after the receiver's acknowledgement (for example
     // its answer on BIOMETRIC_RESP or a status it publishes once it holds the
@@ -219,35 +233,37 @@ public:
 
     // Writes the pixels and the header into the modality's segment (created
     // or attached on the first send with room for this image's count() + 32
-    // bytes; a later larger image does not grow it) and pushes the header
-    // onto the modality's list. 0, -1 no connection, -10 `image` null or
-    // without pixels for a positive count(), -2 no reply to the push, or the
-    // modality contains a blank (it could not name one list key; nothing is
-    // written), -12 back-pressure on and a descriptor still queued (nothing
-    // written), -3 no reply to its LLEN. A larger image than the first
-    // throws "Data size exceeds shared memory size: ..." and pushes nothing.
-    // `modality` must not be null.
+    // bytes, grown when a later image needs more) and pushes the header onto
+    // the modality's list. 0, -1 no connection, -10 `image` null, with a
+    // negative count() or without pixels for a positive one, -2 no reply to
+    // the push, or the modality contains a blank (it could not name one list
+    // key; nothing is written), -13 the segment could not be grown, -12
+    // back-pressure on and a descriptor still queued, -3 or -4 its LLEN got
+    // no reply or was refused (nothing written on -13, -12, -3, -4). The
+    // creation of the segment throws as SharedMemory does. `modality` must
+    // not be null.
     int bio_sample_send(const char* modality, BImage::Image* image);
 
     // BRPOP on the modality's list, blocking up to `timeout` seconds (0: no
-    // limit). Kept as the peers expect: it accepts only a bare string reply,
-    // so against a standard server, whose BRPOP answers with a (key, value)
-    // array, it reports "bad data type: 2", returns null and the popped
-    // descriptor is lost; use the vector form below to receive. Null also on
-    // time-out, no reply or no connection. The image is new'd; the caller
-    // deletes it.
+    // limit). Null on time-out, no reply or no connection, and after the
+    // reports of the vector form below. The image is new'd; the caller
+    // deletes it. (The first version accepted only a bare string reply, which
+    // no server gives: every pop was reported as "bad data type: 2" and its
+    // sample lost.)
     BImage::Image* bio_sample_recv(const char* modality, int timeout);
 
-    // BRPOP with the modality keys joined by blanks as one argument, blocking
-    // up to `timeout` seconds (0: no limit). The joined text is a single key
-    // name, so pass one modality: several wait on one list whose name holds
-    // them all. An empty vector returns null at once and sends nothing. On
-    // success the modality is written NUL-terminated to `out` (`len` bytes)
-    // and a new image (caller deletes) is returned. Null on time-out, no
-    // reply or connection, and after a report: "buffer size too small: <len>"
-    // (`out` holds the cut name), "bad data type", "bad modality",
-    // "load image failed", "shared memory is invalid". The descriptor is gone
-    // from the list after every pop, failed or not.
+    // BRPOP with each modality's list as its own key, blocking up to
+    // `timeout` seconds (0: no limit), so the first descriptor pushed to any
+    // of them is taken. An empty vector returns null at once and sends
+    // nothing. On success the modality is written NUL-terminated to `out`
+    // (`len` bytes) and a new image (caller deletes) is returned. Null on
+    // time-out, no reply or connection, and after a report: "buffer size too
+    // small: <len>" (`out` holds the cut name), "bad data type: <type>",
+    // "bad modality: <key>", "pop refused: <server's text>", "load image
+    // failed", "shared memory is invalid", "shared memory holds another
+    // image". The descriptor is gone from the list after every pop, failed
+    // or not. (The first version joined the keys into one argument, so two
+    // or more modalities waited on a list nobody sends to.)
     BImage::Image* bio_sample_recv(std::vector<const char*> modalities, int timeout, char* out,
                                    int len);
 
@@ -279,30 +295,27 @@ public:
     // (a negative timeout is refused by the server and gives -6 too),
     // -9 the modality's segment is missing or shorter than the image, -10
     // the caller's image could not be grown, -11 the segment holds another
-    // image than the descriptor describes (overwritten, or the segment was
-    // made anew), -4 the pop was refused (only with set_error_replies(true)).
+    // image than the descriptor describes (overwritten, made anew, or its
+    // write did not finish), -4 the pop was refused.
     // The descriptor is gone from the list after every pop. None of them
     // reports on stdout/stderr.
 
-    // Receives from several modalities: BRPOP with each modality's list as
-    // its own key, blocking up to `timeout` seconds (0: no limit), so the
-    // first descriptor pushed to any of them is taken. Otherwise as the
-    // vector form of bio_sample_recv (same reports, `out`, ownership: the
-    // caller deletes the image).
+    // The vector form of bio_sample_recv (same pop, reports, `out` and
+    // ownership: the caller deletes the image), under its own name in the
+    // reports.
     BImage::Image* bio_sample_recv_any(const std::vector<const char*>& modalities, int timeout,
                                        char* out, int len);
 
     // Sends without copying the caller's pixels: `fill` gets the pixel area
-    // of the modality's segment (created as by bio_sample_send for an image
-    // of this size, never grown) and writes count() bytes there, then the
+    // of the modality's segment (created or grown as by bio_sample_send for
+    // an image of this size) and writes count() bytes there, then the
     // descriptor is pushed as bio_sample_send does, so any receiver takes it.
     // The segment lock is held while `fill` runs: a slow fill delays the
     // receivers of this modality. The lock is released on every exit; an
-    // exception from `fill` propagates and nothing is pushed. Returns 0, -1,
-    // -2, -3, -12 (as bio_sample_send; fill not called on -12), -10 when
-    // width, height and format give no pixels. Throws "Data size exceeds
-    // shared memory size: ..." when the segment is smaller than the image
-    // (fill not called).
+    // exception from `fill` propagates, nothing is pushed, and the segment
+    // holds no image a receiver delivers. Returns 0, -1, -2, -3, -4, -12, -13
+    // (as bio_sample_send; fill not called then), -10 when width, height
+    // and format give no pixels.
     int bio_sample_loan(const char* modality, int width, int height, BImage::ImageFormat format,
                         const SampleFill& fill);
 
@@ -344,8 +357,9 @@ public:
     // its mode.
     void set_segment_mode(mode_t mode) { segment_mode = mode; }
 
-    // Off by default: an error reply of the server (for example NOPERM from
-    // an ACL) counts as a reply, as the operations above describe. On: every
+    // Off by default (on from the start for an object made with a login):
+    // an error reply of the server (for example NOPERM from an ACL) counts
+    // as a reply, as the operations above describe. On: every
     // operation that gets an error reply to its command returns -4 ("the
     // server refused the command") instead, and last_error() holds the
     // reply's text. The sample senders return -4 when their push is refused
@@ -368,10 +382,12 @@ public:
     // and bio_sample_loan do not overwrite a segment while a descriptor of
     // that modality is still queued: they wait for the list to drain, asking
     // LLEN about every 2 ms for up to `milliseconds` (blocking), and then
-    // return -12 with nothing written or pushed. The LLEN, the write and the
-    // push happen in one hold of the segment lock, so two senders with it on
-    // never overwrite each other's queued image; the push then delays this
-    // modality's receivers by one round trip. It protects only images still
+    // return -12 with nothing written or pushed. A refused LLEN is -4 and
+    // one without reply -3, never "nothing queued". The LLEN, the write and
+    // the push happen under flock(LOCK_EX) on the segment, which only
+    // senders take, so two senders with it on never overwrite each other's
+    // queued image, while the segment mutex is held for the copy alone and
+    // no receiver waits on a round trip. It protects only images still
     // queued, see the window above.
     void set_sample_backpressure(int milliseconds) { backpressure = milliseconds; }
 
