@@ -57,13 +57,14 @@ enum class Opened {
     refused,     // AUTH was refused; reported here, nothing held
 };
 
-// The library's one way to open a connection, used by Messager, Subscription
-// and the Lua subscriptions: a Unix socket when `address` starts with '/',
-// TCP to address:port otherwise; readied with prepare_connection; then, when
-// `login` is on, AUTH before anything else. A refused AUTH is reported
-// ("connect", with the server's reason and never the password) unless
-// `reason` already holds that same reason, and goes to `reason` when given. An AUTH that got no reply counts as failed
-// (the connection broke).
+// The library's one way to open a connection, used by Messager and
+// Subscription (on which the Lua subscriptions run): a Unix socket when
+// `address` starts with '/', TCP to address:port otherwise; readied with
+// prepare_connection; then, when `login` is on, AUTH before anything else.
+// A refused AUTH is reported ("connect", with the server's reason and never
+// the password) unless `reason` already holds that same reason, and goes to
+// `reason` when given. An AUTH that got no reply counts as failed (the
+// connection broke).
 Opened open_connection(const std::string& address, uint16_t port, const Login& login,
                        Context& out, std::string* reason = nullptr);
 

@@ -11,7 +11,9 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <hiredis/hiredis.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -140,6 +142,10 @@ TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
     ASSERT_EQ(fresh.list_clear(key(m).c_str()), 1);
     EXPECT_EQ(bus->bio_sample_send(m.c_str(), &stamp(wider, 9)), 0);
     EXPECT_EQ(take(fresh, pop, m, 9), 1) << "grown, and followed";
+    rlimit was{}, low{4096, 0};  // a segment that cannot grow (here past the file size limit; on the device, a full /dev/shm)
+    Image huge(128, 128, BImage::GRAY8, nullptr);
+    const bool limited = !getrlimit(RLIMIT_FSIZE, &was) && signal(SIGXFSZ, SIG_IGN) != SIG_ERR && !setrlimit(RLIMIT_FSIZE, &(low.rlim_max = was.rlim_max, low));
+    EXPECT_TRUE(limited && bus->bio_sample_send(m.c_str(), &huge) == -13 && !setrlimit(RLIMIT_FSIZE, &was) && queued(server, m) == 0);
 
     // Cut under a receiver that mapped it, to its mutex or to nothing: invalid (no SIGBUS) until its owner sends again.
     char out[64];
@@ -269,12 +275,13 @@ TEST(SampleExtras, LoanCodesLocksFreedOnEveryExitAndSegmentMode)
 TEST(MessagerExtras, ReconnectAfterRestartOnlyWhenAskedFor)
 {
     RedisServer server;
-    for (int i = 0; i < 4; ++i) {  // bit 0: over TCP, bit 1: reconnect on
+    for (int i = 0; i < 8; ++i) {  // bit 0: over TCP, bit 1: reconnect on, bit 2: hiredis marked it failed, server alive
         bMSG::Messager bus(i & 1 ? "127.0.0.1" : server.socket().c_str(), server.port(), 1);
         bus.set_reconnect(i & 2);
         ASSERT_EQ(bus.set("k", "v"), 0);
-        server.restart();
-        EXPECT_EQ(bus.set("k", "v"), -7);
+        i & 4 ? void(bus.redis_context()->err = REDIS_ERR_IO) : server.restart();
+        EXPECT_EQ(bus.set("k", "w"), (i & 6) == 6 ? 0 : -7) << "reconnects first when the failure is known";
+        EXPECT_EQ(redis_raw(server, "GET k"), i & 4 ? (i & 2 ? "w" : "v") : "(nil)") << "nothing is sent on a failed connection";
         EXPECT_EQ(bus.set("k", "v"), i & 2 ? 0 : -7) << i;
     }
 }
@@ -425,6 +432,10 @@ TEST(SampleLifecycle, ALateReceiverGetsNothingInsteadOfAMixRecvIntoLeavesTheImag
         EXPECT_TRUE(image.data == mine && !image.buffer && image.width == 4 && image.height == 4 &&
                     image.format == BImage::GRAY8 && std::string(16, 'x') == std::string(mine, mine + 16)) << row.rc;
     }
+    unsigned char mine[16];  // a longer image into the caller's buffer: a block of the record's own, the caller's never freed
+    Image image(4, 4, BImage::GRAY8, mine);
+    ASSERT_EQ(sender.bio_sample_send(m.c_str(), &stamp(big, 5)), 0);
+    EXPECT_TRUE(bus.bio_sample_recv_into({m.c_str()}, 1, image) == 1 && image.data != mine && image.buffer == image.data && holds(image.data, 4096, 5, 4));
     ASSERT_EQ(sender.bio_sample_send(m.c_str(), &stamp(small, 2)), 0);
     sender.set_sample_backpressure(50);
     EXPECT_EQ(sender.bio_sample_send(m.c_str(), &stamp(big, 1)), -12);

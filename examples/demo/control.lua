@@ -2,8 +2,6 @@
 -- "capture:N" commands on BIO_CMD, one at a time: it waits for the capture
 -- service's answer on BIOMETRIC_RESP and for the consumer's "consumer:stored:N"
 -- status before the next, so no sample is overwritten before it is read.
--- The script's texts have no blanks: the module hands them to the library as
--- the command format, which splits literal text at blanks into arguments.
 -- Logs in as the user "control" with the password in BMSG_PASSWORD.
 -- Usage: luajit control.lua SOCKET START_MS COUNT
 local ffi = require "ffi"
@@ -66,6 +64,5 @@ for i = 1, count do
   if not await_status("consumer:stored:" .. i) then os.exit(1) end
 end
 trace("all " .. count .. " captures answered and stored")
--- No unsubscribe: it would wait for one more message on the channel; the
--- subscription's thread ends with the process.
+m.unsubscribe(h)
 os.exit(0)
