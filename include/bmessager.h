@@ -270,7 +270,9 @@ public:
     // LRANGE key -1 -1: loads the oldest descriptor (the one the next
     // receive takes) without removing it. Null for an empty list or no
     // reply. A non-list key reports "bad data type: <type>, value is INT
-    // <n>" and drops the connection (the next operation reconnects). When
+    // <n>" and drops the connection (the next operation reconnects); with
+    // error replies on, an error reply (a refusal, a non-list key) reports
+    // "read refused: <server's text>" and keeps the connection. When
     // the modality's segment cannot be opened it reports "shared memory is
     // invalid" and RPOPs that descriptor so it cannot block later reads.
     // When the segment holds another image it reports "shared memory holds

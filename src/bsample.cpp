@@ -436,6 +436,13 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
     Reply r = command(context, "LRANGE %s -1 -1", key.c_str());
     if (!r || r->type == REDIS_REPLY_NIL)
         return nullptr;
+    // With error replies on, a refusal is reported as one and is no reason
+    // to drop the connection.
+    if (r->type == REDIS_REPLY_ERROR && error_replies) {
+        refusal.assign(r->str, r->len);
+        BMSG_REPORT("bio_sample_read", "read refused: %s", refusal.c_str());
+        return nullptr;
+    }
     if (r->type != REDIS_REPLY_ARRAY) {
         BMSG_REPORT("bio_sample_read", "bad data type: %d, value is INT %lld", r->type,
                     static_cast<long long>(r->integer));
