@@ -70,7 +70,9 @@ TEST(Login, WrongPasswordFailsAtOnceAndTheToolLogsInOrFailsWithTheServersText)
     const struct { const char* user; std::vector<std::string> args; int status; const char* err; } rows[] = {
         {"control", {"push", "cmd", "x"}, 0, ""}, {"fieldtool", {"len", "cmd"}, 0, ""}, {"fieldtool", {"--askpass", "ping"}, 0, ""},
         {"fieldtool", {"push", "cmd", "x"}, 1, "NOPERM"}, {"fieldtool", {"pop", "cmd"}, 1, "NOPERM"}, {"fieldtool", {"clear", "cmd"}, 1, "NOPERM"},
-        {"consumer", {"push", "cmd", "x"}, 1, "NOPERM"}, {"capture", {"--askpass", "len", "cmd"}, 1, "NOPERM"}, {"nosuch", {"ping"}, 1, "WRONGPASS"}};
+        {"consumer", {"push", "cmd", "x"}, 1, "NOPERM"}, {"capture", {"--askpass", "len", "cmd"}, 1, "NOPERM"}, {"nosuch", {"ping"}, 1, "WRONGPASS"},
+        {"capture", {"sample", "peek", "m"}, 1, "NOPERM"}, {"capture", {"sample", "recv", "m", "-t", "1"}, 1, "NOPERM"}, {"capture", {"subscribe", "X"}, 1, "NOPERM"},
+        {"control", {"watch", "-n", "1"}, 1, "NOPERM"}, {"fieldtool", {"watch", "-n", "1"}, 0, ""}};
     for (const auto& row : rows) {
         const std::string pw = acl.passwords[acl.passwords.count(row.user) ? row.user : "control"];
         setenv("BMSG_PASSWORD", row.args[0] == "--askpass" ? "wrong" : pw.c_str(), 1);

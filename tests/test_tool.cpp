@@ -1,9 +1,12 @@
 // The bmsg tool as a process against a private redis-server.
+#include "acl.h"
+#include "bmessager.h"
 #include "child.h"
 #include "picture.h"
 #include "redis_server.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -86,12 +89,18 @@ TEST(Tool, SubscribeToSeveralChannels)
     EXPECT_TRUE(std::regex_search(sub.out(), std::regex("[0-9:]{8}[.][0-9]{3} A one\n.* B two\n"))) << sub.out();
 }
 
+// Sent as capture and taken as consumer under the device's ACL.
 TEST(Tool, PngRoundTripThroughASample)
 {
-    bmsg_test::RedisServer server;
-    const std::string modality = bmsg_test::unique("tool"), in = server.dir() + "/in.png",
-                      out = server.dir() + "/out.png";
+    bmsg_test::AclServer acl;
+    bMSG::Messager admin(acl.server->socket().c_str(), 0, 1, "admin", acl.passwords["admin"].c_str());
+    const auto as = [&](const char* user, std::vector<std::string> args) {
+        args.insert(args.begin(), {"-s", acl.server->socket(), "-u", user, "--askpass"});
+        return bmsg_test::spawn_program(BMSG_TOOL, args, acl.passwords[user] + "\n");
+    };
+    const std::string modality = bmsg_test::unique("tool"), in = acl.server->dir() + "/in.png", out = acl.server->dir() + "/out.png";
     const std::string list = "BIOMETRIC_SAMPLE_" + modality, segment = "/" + list;
+    const auto waiting = [&] { return bmsg_test::wait_until([&] { return admin.list_size(list.c_str()) == 1; }); };
     for (int channels : {1, 3}) {
         picture::Picture sent{7, 5, channels, {}}, back;
         for (int i = 0; i < 7 * 5 * channels; ++i)
@@ -99,23 +108,24 @@ TEST(Tool, PngRoundTripThroughASample)
         std::string error;
         ASSERT_TRUE(picture::write_png(in, sent, error)) << error;
         // Grey: the sender waits for the taker, then removes its segment; colour: --keep leaves it.
-        std::vector<std::string> args{"-s", server.socket(), "sample", "send", modality, in};
-        if (channels == 3)
-            args.push_back("--keep");
-        bmsg_test::Child send = bmsg_test::spawn_program(BMSG_TOOL, args);
-        ASSERT_TRUE(bmsg_test::wait_until([&] { return bmsg_test::redis_raw(server, "LLEN %s", list.c_str()) == "1"; }));
-        const Ran peek = tool({"sample", "peek", modality, "-o", out}, server.socket());
-        EXPECT_TRUE(peek.status == 0 && peek.out == (channels == 1 ? "7 5 GRAY8 35\n" : "7 5 RGB24 105\n")) << peek.out << peek.err;
+        bmsg_test::Child send = as("capture", {"sample", "send", modality, in, channels == 3 ? "--keep" : "-t10"});
+        ASSERT_TRUE(waiting());
+        bmsg_test::Child peek = as("consumer", {"sample", "peek", modality, "-o", out});
+        EXPECT_TRUE(peek.wait() == 0 && peek.out() == (channels == 1 ? "7 5 GRAY8 35\n" : "7 5 RGB24 105\n")) << peek.out() << peek.err();
         ASSERT_TRUE(picture::read_file(out, back, error)) << error;
         EXPECT_EQ(back.pixels, sent.pixels);
-        EXPECT_EQ(tool({"sample", "recv", modality}, server.socket()).status, 0);
+        EXPECT_EQ(as("consumer", {"sample", "recv", modality}).wait(), 0);
         EXPECT_EQ(send.wait(), 0) << send.err();
         EXPECT_EQ(shm_unlink(segment.c_str()), channels == 3 ? 0 : -1);
     }
-    // Not taken in time: the sample is taken back and its segment removed.
-    EXPECT_EQ(tool({"sample", "send", modality, in, "-t", "1"}, server.socket()).status, 1);
-    EXPECT_EQ(bmsg_test::redis_raw(server, "LLEN %s", list.c_str()), "0");
-    EXPECT_EQ(shm_unlink(segment.c_str()), -1);
+    // Not taken in time, SIGTERM, a server gone: the sample is taken back (while there is a server) and its segment removed.
+    for (int end : {0, SIGTERM, SIGKILL}) {
+        bmsg_test::Child send = as("capture", {"sample", "send", modality, in, "-t", end ? "0" : "1"});  // signals: for ever
+        ASSERT_TRUE(waiting());
+        end == SIGTERM ? send.kill(SIGTERM) : end == SIGKILL ? acl.server->stop() : void();
+        EXPECT_TRUE(send.wait() == 1 && (end == SIGKILL || admin.list_size(list.c_str()) == 0)) << end << send.err();
+        EXPECT_EQ(shm_unlink(segment.c_str()), -1) << end;
+    }
 }
 
 // One grey byte per pixel from the other formats; PGM and PPM files, scaled to 255 or cut short.

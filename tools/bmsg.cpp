@@ -2,9 +2,11 @@
 #include "bmsg_tool.h"
 
 #include <hiredis/hiredis.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -39,9 +41,18 @@ void on_bus(CLI::App* sub, Action& action, int (*work)(bMSG::Messager&))
 // A refused command fails with the server's text (NOPERM ...).
 int checked(int rc, const std::string& what)
 {
-    if (rc == -4 && current)
-        return fail(what + " refused: " + current->last_error());
-    return rc < 0 ? fail(what + " failed (" + std::to_string(rc) + ")") : 0;
+    return rc < 0 ? fail(bmsg_tool::why_failed(*current, rc, what)) : 0;
+}
+
+// The va_list publish: the variadic one also reports a lost server itself,
+// a second line on stderr.
+int publish_quietly(bMSG::Messager& bus, const char* channel, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int n = bus.publish(channel, format, args);
+    va_end(args);
+    return n;
 }
 
 void add_bus_commands(CLI::App& app, Action& action)
@@ -52,13 +63,10 @@ void add_bus_commands(CLI::App& app, Action& action)
 
     on_bus(app.add_subcommand("ping", "Check that the server answers"), action, [](bMSG::Messager& bus) {
         bmsg_tool::Reply reply(static_cast<redisReply*>(redisCommand(bus.redis_context(), "PING")));
-        if (!reply)
-            return fail("no answer to PING");
+        if (const std::string why = bmsg_tool::why_not(bus, reply.get(), "PING"); !why.empty())
+            return fail(why);
         const bool pong = reply->type == REDIS_REPLY_STATUS;
-        if (reply->type == REDIS_REPLY_ERROR)
-            fail(std::string("PING refused: ") + reply->str);
-        else
-            puts(pong ? reply->str : "unexpected reply");
+        puts(pong ? reply->str : "unexpected reply");
         return pong ? 0 : 1;
     });
 
@@ -67,11 +75,10 @@ void add_bus_commands(CLI::App& app, Action& action)
     on_bus(get, action, [](bMSG::Messager& bus) {
         // Messager::get cannot tell a missing key from an empty value.
         bmsg_tool::Reply reply(static_cast<redisReply*>(redisCommand(bus.redis_context(), "GET %s", key.c_str())));
-        if (!reply)
-            return fail("no answer to GET");
-        if (reply->type != REDIS_REPLY_STRING)  // nil, or an error such as WRONGTYPE
-            return fail(reply->type == REDIS_REPLY_ERROR ? key + ": " + reply->str
-                                                         : "no setting " + key);
+        if (const std::string why = bmsg_tool::why_not(bus, reply.get(), "GET " + key); !why.empty())
+            return fail(why);  // NOPERM, WRONGTYPE, or the server is gone
+        if (reply->type != REDIS_REPLY_STRING)
+            return fail("no setting " + key);
         fwrite(reply->str, 1, reply->len, stdout);
         putchar('\n');
         return 0;
@@ -135,7 +142,7 @@ void add_bus_commands(CLI::App& app, Action& action)
     publish->add_option("CHANNEL", channel)->required();
     publish->add_option("TEXT", value)->required();
     on_bus(publish, action, [](bMSG::Messager& bus) {
-        const int n = bus.publish(channel.c_str(), "%s", value.c_str());
+        const int n = publish_quietly(bus, channel.c_str(), "%s", value.c_str());
         if (n >= 0)
             printf("%d\n", n);
         return checked(n, "PUBLISH");
@@ -146,6 +153,9 @@ void add_bus_commands(CLI::App& app, Action& action)
 
 int main(int argc, char** argv)
 {
+    // Some commands go out with plain redisCommand, whose write to a server
+    // that has gone would raise SIGPIPE: an I/O error is reported instead.
+    signal(SIGPIPE, SIG_IGN);
     CLI::App app("Look at and talk to the device's message bus (a Redis server).\n"
                  "Exit status: 0 done, 1 the bus operation failed, 2 bad usage.\n"
                  "-t SECONDS of the subcommands that wait: up to SECONDS, 0 for ever; without\n"

@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <termios.h>
@@ -104,6 +105,48 @@ int fail(const std::string& message)
     return 1;
 }
 
+std::atomic<bool> stop_requested{false};
+
+namespace {
+
+void on_stop(int)
+{
+    stop_requested = true;
+}
+
+} // namespace
+
+void catch_stop()
+{
+    struct sigaction sa = {};
+    sa.sa_handler = on_stop;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+std::string why_failed(const bMSG::Messager& bus, int rc, const std::string& what)
+{
+    if (rc == -4)
+        return what + " refused: " + bus.last_error();
+    const redisContext* c = bus.redis_context();
+    if (c && c->err)
+        return what + ": lost the server (" + c->errstr + ")";
+    if (rc == -13)  // only the sample senders
+        return what + ": no room in /dev/shm to grow the segment";
+    return what + " failed (" + std::to_string(rc) + ")";
+}
+
+std::string why_not(const bMSG::Messager& bus, const redisReply* reply, const std::string& what)
+{
+    if (reply && reply->type == REDIS_REPLY_ERROR)
+        return what + " refused: " + std::string(reply->str, reply->len);
+    if (reply)
+        return "";
+    const redisContext* c = bus.redis_context();
+    return what + ": lost the server (" + (c && c->err ? c->errstr : "no reply") + ")";
+}
+
 std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
 {
     const std::string where = o.socket.empty() ? o.host + ":" + std::to_string(o.port) : o.socket;
@@ -127,6 +170,13 @@ std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
     }
     bus->set_error_replies(true);
     return bus;
+}
+
+std::string why_not_subscribed(const bMSG::Subscription& sub)
+{
+    if (!sub.last_error().empty())
+        return "SUBSCRIBE refused: " + sub.last_error();
+    return "cannot subscribe (" + std::to_string(sub.status()) + ")";
 }
 
 std::string list_key(const std::string& name)

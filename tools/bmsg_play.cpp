@@ -4,7 +4,6 @@
 // them as it takes the device's.
 #include "bimage.h"
 #include "bmsg_record.h"
-#include "bshmem.h"
 #include "recording.h"
 
 #include <hiredis/hiredis.h>
@@ -49,8 +48,10 @@ std::string send_sample(bMSG::Messager& bus, const recording::Event& e)
         return "cannot hold a sample of " + std::to_string(size) + " bytes";
     memcpy(image.data, e.sample.pixels.data(), size);
     try {
+        // Every sample goes with its own size: the library grows the segment
+        // for one larger than those before.
         if (int rc = bus.bio_sample_send(e.sample.modality.c_str(), &image); rc < 0)
-            return "sample send failed (" + std::to_string(rc) + ")";
+            return why_failed(bus, rc, "sample send on " + e.name);
     } catch (const std::runtime_error& error) {
         return error.what();
     }
@@ -65,12 +66,7 @@ std::string replay(bMSG::Messager& bus, const recording::Event& e)
     const char* argv[] = {e.command.c_str(), e.name.data(), e.payload.data()};
     const size_t lengths[] = {e.command.size(), e.name.size(), e.payload.size()};
     Reply reply(static_cast<redisReply*>(redisCommandArgv(bus.redis_context(), 3, argv, lengths)));
-    if (!reply)
-        return "lost the server";
-    const std::string why = reply->type == REDIS_REPLY_ERROR
-                                ? e.command + " " + e.name + ": " + std::string(reply->str, reply->len)
-                                : "";
-    return why;
+    return why_not(bus, reply.get(), e.command + " " + e.name);
 }
 
 int play(const Options& o)
@@ -131,9 +127,10 @@ int play(const Options& o)
     // others go with the bus, after a moment for a receiver that has just
     // popped a descriptor and still has to open the segment.
     bool taken = false;
-    for (auto& [modality, segment] : bus->segments) {
-        const bool queued = bus->list_size((bus->bio_sample + modality).c_str()) != 0;
-        segment->owner = segment->owner && !queued;
+    for (const auto& segment : bus->segments) {
+        const bool queued = bus->list_size((bus->bio_sample + segment.first).c_str()) != 0;
+        if (queued)
+            bus->keep_segment(segment.first.c_str());
         taken = taken || !queued;
     }
     if (taken)

@@ -10,7 +10,6 @@
 #include <fnmatch.h>
 #include <hiredis/hiredis.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,19 +24,12 @@
 
 namespace bmsg_tool {
 
-std::atomic<bool> stop_requested{false};
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 // Larger descriptors are refused rather than mapped: 1 GiB of pixels.
 constexpr unsigned long pixels_max = 1ul << 30;
-
-void on_stop(int)
-{
-    stop_requested = true;
-}
 
 int hex(char c)
 {
@@ -271,16 +263,15 @@ int record(const Options& o)
     auto bus = open_bus(o);
     if (!bus)
         return 1;
+    // MONITOR first: a refused recorder leaves no empty recording behind.
+    redisContext* c = bus->redis_context();
+    Reply reply(static_cast<redisReply*>(redisCommand(c, "MONITOR")));
+    if (const std::string why = why_not(*bus, reply.get(), "MONITOR"); !why.empty())
+        return fail(why);
     std::string error;
     auto file = recording::File::create(output, error);
     if (!file)
         return fail(output + ": " + error);
-    redisContext* c = bus->redis_context();
-    Reply reply(static_cast<redisReply*>(redisCommand(c, "MONITOR")));
-    const bool watching = reply && reply->type == REDIS_REPLY_STATUS;
-    const std::string refused = reply && reply->type == REDIS_REPLY_ERROR ? reply->str : "no answer";
-    if (!watching)
-        return fail("MONITOR refused: " + refused);
 
     Recorder r;
     r.patterns = record_patterns;
@@ -347,15 +338,6 @@ int record(const Options& o)
 }
 
 } // namespace
-
-void catch_stop()
-{
-    struct sigaction sa = {};
-    sa.sa_handler = on_stop;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-}
 
 bool matches(const std::vector<std::string>& patterns, const std::string& name)
 {

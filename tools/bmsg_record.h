@@ -4,16 +4,11 @@
 
 #include "bmsg_tool.h"
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace bmsg_tool {
-
-// Set by Ctrl-C (SIGINT) and SIGTERM once catch_stop() ran.
-extern std::atomic<bool> stop_requested;
-void catch_stop();
 
 // Whether `name` matches one of the glob `patterns` (fnmatch).
 bool matches(const std::vector<std::string>& patterns, const std::string& name);

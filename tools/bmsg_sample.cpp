@@ -1,7 +1,7 @@
 // bmsg sample: send a picture file as a biometric sample, take or peek at
 // the oldest one and write it as PNG.
 #include "bmsg_tool.h"
-#include "bshmem.h"
+#include "bimage.h"
 #include "picture.h"
 
 #include <hiredis/hiredis.h>
@@ -21,37 +21,38 @@ bool keep = false;
 constexpr int send_wait_default = 10;
 
 // Whether the descriptor is still on the list (LPOS, Redis 6.0.6 and
-// later); -1 when the server gave no usable answer.
-int queued(bMSG::Messager& bus, const std::string& key, const unsigned char* descriptor)
+// later): 1 or 0; -1 with `why` set when the server refused or is gone.
+int queued(bMSG::Messager& bus, const std::string& key, const unsigned char* descriptor, std::string& why)
 {
     Reply reply(static_cast<redisReply*>(redisCommand(bus.redis_context(), "LPOS %s %b", key.c_str(),
                                                         descriptor, size_t{BImage::Image::header_size})));
-    if (!reply)
-        return -1;
-    const int rc = reply->type == REDIS_REPLY_INTEGER ? 1 : reply->type == REDIS_REPLY_NIL ? 0 : -1;
-    return rc;
+    why = why_not(bus, reply.get(), "LPOS");
+    if (why.empty() && reply->type != REDIS_REPLY_INTEGER && reply->type != REDIS_REPLY_NIL)
+        why = "LPOS: unexpected reply";
+    return why.empty() ? reply->type == REDIS_REPLY_INTEGER : -1;
 }
 
-// Waits until a receiver has taken the sample; on time-out takes the
-// descriptor back, so no receiver finds it after the segment is gone.
+// Waits until a receiver has taken the sample; on time-out or Ctrl-C takes
+// the descriptor back, so no receiver finds it after the segment is gone.
 int wait_taken(bMSG::Messager& bus, const std::string& key, const unsigned char* descriptor)
 {
     const int limit = seconds < 0 ? send_wait_default : seconds;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit);
+    std::string why;
     int rc;
-    while ((rc = queued(bus, key, descriptor)) == 1 &&
+    while ((rc = queued(bus, key, descriptor, why)) == 1 && !stop_requested &&
            (limit == 0 || std::chrono::steady_clock::now() < end))
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (rc < 0) {
-        bus.segments[modality]->owner = false;  // it may still be taken: keep it
-        return fail("cannot follow the sample on " + key + ": LPOS failed; segment kept");
-    }
+    if (rc < 0)
+        return fail(why);
     if (rc == 1) {
         Reply reply(static_cast<redisReply*>(redisCommand(
             bus.redis_context(), "LREM %s 1 %b", key.c_str(), descriptor, size_t{BImage::Image::header_size})));
-        const bool withdrawn = reply && reply->type == REDIS_REPLY_INTEGER && reply->integer == 1;
-        if (withdrawn)
-            return fail("no receiver took the sample within " + std::to_string(limit) + " s");
+        if (const std::string refused = why_not(bus, reply.get(), "LREM"); !refused.empty())
+            return fail(refused);
+        if (reply->type == REDIS_REPLY_INTEGER && reply->integer == 1)
+            return fail(stop_requested ? "interrupted; the sample was taken back"
+                                       : "no receiver took the sample within " + std::to_string(limit) + " s");
     }
     // A receiver that has just popped the descriptor still has to open the
     // segment by name.
@@ -59,6 +60,9 @@ int wait_taken(bMSG::Messager& bus, const std::string& key, const unsigned char*
     return 0;
 }
 
+// Every return ends the Messager, which removes the segment it created
+// unless told to keep it; a stop signal only ends the wait, so that
+// happens for SIGINT and SIGTERM too.
 int send(const Options& o)
 {
     picture::Picture pic;
@@ -71,9 +75,10 @@ int send(const Options& o)
     auto bus = open_bus(o);
     if (!bus)
         return 1;
+    catch_stop();
     try {
         if (int rc = bus->bio_sample_send(modality.c_str(), image.get()); rc < 0)
-            return fail("sample send failed (" + std::to_string(rc) + ")");
+            return fail(why_failed(*bus, rc, "sample send"));
     } catch (const std::runtime_error& e) {
         return fail(e.what());
     }
@@ -82,35 +87,53 @@ int send(const Options& o)
            picture::format_name(image->format).c_str(), image->count(), key.c_str());
     fflush(stdout);
     // --keep: the segment outlives this short process, for receivers that
-    // come later; a later sender of the modality reuses it. Otherwise the
-    // Messager unlinks the segment it created when it goes.
+    // come later; a later sender of the modality reuses it.
     if (keep) {
-        bus->segments[modality]->owner = false;
+        bus->keep_segment(modality.c_str());
         return 0;
     }
     return wait_taken(*bus, key, image->format_header());
 }
 
 // Prints the image's description and writes the PNG when asked.
-int show(BImage::Image* received, const std::string& key)
+int show(const BImage::Image& image)
 {
-    std::unique_ptr<BImage::Image> image(received);
-    if (!image)
-        return fail("no sample on " + key);
-    printf("%d %d %s %d\n", image->width, image->height,
-           picture::format_name(image->format).c_str(), image->count());
+    printf("%d %d %s %d\n", image.width, image.height,
+           picture::format_name(image.format).c_str(), image.count());
     if (file.empty())
         return 0;
     picture::Picture pic;
     std::string error;
-    if (!picture::from_image(*image, pic))
+    if (!picture::from_image(image, pic))
         return fail("cannot convert the sample to a picture");
     if (!picture::write_png(file, pic, error))
         return fail(file + ": " + error);
     return 0;
 }
 
-int take(const Options& o, bool remove)
+// The library's read takes a refused LRANGE for an empty list: the tool
+// looks at the oldest descriptor itself first.
+int peek_oldest(const Options& o)
+{
+    auto bus = open_bus(o);
+    if (!bus)
+        return 1;
+    const std::string key = bus->bio_sample + modality;
+    Reply oldest(static_cast<redisReply*>(redisCommand(bus->redis_context(), "LRANGE %s -1 -1", key.c_str())));
+    if (const std::string why = why_not(*bus, oldest.get(), "sample peek"); !why.empty())
+        return fail(why);
+    if (oldest->type != REDIS_REPLY_ARRAY || oldest->elements == 0)
+        return fail("no sample on " + key);
+    try {
+        std::unique_ptr<BImage::Image> image(bus->bio_sample_read(modality.c_str()));
+        // The library has said why (a missing segment, another image in it).
+        return image ? show(*image) : fail("cannot read the sample on " + key);
+    } catch (const std::runtime_error& e) {
+        return fail(e.what());
+    }
+}
+
+int take_oldest(const Options& o)
 {
     auto bus = open_bus(o);
     if (!bus)
@@ -118,17 +141,21 @@ int take(const Options& o, bool remove)
     const std::string key = bus->bio_sample + modality;
     // BRPOP's 0 waits for ever: without -t take one only when one is there
     // (1 s covers another receiver taking it first).
-    if (remove && seconds < 0 && bus->list_size(key.c_str()) <= 0)
-        return fail("no sample on " + key);
-    try {
-        char from[256] = {};
-        return show(remove ? bus->bio_sample_recv({modality.c_str()}, seconds < 0 ? 1 : seconds,
-                                                  from, sizeof from)
-                           : bus->bio_sample_read(modality.c_str()),
-                    key);
-    } catch (const std::runtime_error& e) {
-        return fail(e.what());
+    if (seconds < 0) {
+        const int n = bus->list_size(key.c_str());
+        if (n <= 0)
+            return fail(n < 0 ? why_failed(*bus, n, "sample recv") : "no sample on " + key);
     }
+    BImage::Image image(0, 0, BImage::GRAY8, nullptr);
+    const int rc = bus->bio_sample_recv_into({modality.c_str()}, seconds < 0 ? 1 : seconds, image);
+    if (rc == 1)
+        return show(image);
+    if (rc == 0)
+        return fail("no sample on " + key);
+    if (rc == -9 || rc == -11)
+        return fail("the sample taken off " + key +
+                    (rc == -9 ? " has no segment" : " was overwritten in its segment"));
+    return fail(why_failed(*bus, rc, "sample recv"));
 }
 
 } // namespace
@@ -150,7 +177,7 @@ void add_sample_commands(CLI::App& app, Action& action)
     add_timeout(send_cmd, seconds,
                 "without -t: 10 s. Until a receiver takes the sample; then (a second later, "
                 "for the receiver to open it) the segment this process created is removed. "
-                "Not taken in time: the sample is taken back, exit 1");
+                "Not taken in time, or Ctrl-C or SIGTERM: the sample is taken back, exit 1");
     send_cmd->add_flag("-k,--keep", keep, "Do not wait; leave the segment for later receivers");
     send_cmd->callback([&] { action = send; });
 
@@ -159,13 +186,13 @@ void add_sample_commands(CLI::App& app, Action& action)
     recv->add_option("MODALITY", modality)->required();
     recv->add_option("-o,--output", file, png_help)->type_name("FILE.png");
     add_timeout(recv, seconds, "without -t: do not wait");
-    recv->callback([&] { action = [](const Options& o) { return take(o, true); }; });
+    recv->callback([&] { action = take_oldest; });
 
     auto* peek = sample->add_subcommand(
         "peek", "Like recv, but leave the sample on the list and never wait");
     peek->add_option("MODALITY", modality)->required();
     peek->add_option("-o,--output", file, png_help)->type_name("FILE.png");
-    peek->callback([&] { action = [](const Options& o) { return take(o, false); }; });
+    peek->callback([&] { action = peek_oldest; });
 }
 
 } // namespace bmsg_tool

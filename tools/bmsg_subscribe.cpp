@@ -37,7 +37,7 @@ int subscribe(const Options& o)
         changed.notify_one();
     });
     if (sub.status() != 0)
-        return fail("cannot subscribe (" + std::to_string(sub.status()) + ")");
+        return fail(why_not_subscribed(sub));
     std::unique_lock<std::mutex> guard(lock);
     // running() has no wake-up of its own: looked at ten times a second.
     while (sub.running() && (count == 0 || printed < count))

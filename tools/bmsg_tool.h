@@ -3,10 +3,12 @@
 #define BMSG_TOOLS_BMSG_TOOL_H
 
 #include "bmessager.h"
+#include "bsubscription.h"
 
 #include <CLI/CLI.hpp>
 #include <hiredis/hiredis.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -44,6 +46,23 @@ std::unique_ptr<bMSG::Messager> open_bus(const Options& options);
 // Prints "bmsg: <message>" on stderr; returns 1, the exit status of a failed
 // bus operation.
 int fail(const std::string& message);
+
+// Why the library call `what` gave `rc` (< 0): "<what> refused: <the
+// server's error reply>" for -4, the lost connection when hiredis marked it
+// failed, else the code.
+std::string why_failed(const bMSG::Messager& bus, int rc, const std::string& what);
+
+// Empty when `reply`, to a command the tool sent itself on the bus's
+// connection, is an answer; else why not, as why_failed says it.
+std::string why_not(const bMSG::Messager& bus, const redisReply* reply, const std::string& what);
+
+// Why `sub` is not subscribed (status() not 0): the server's refusal when
+// there was one.
+std::string why_not_subscribed(const bMSG::Subscription& sub);
+
+// Set by Ctrl-C (SIGINT) and SIGTERM once catch_stop() ran.
+extern std::atomic<bool> stop_requested;
+void catch_stop();
 
 // The key of a named list ("device", "cmd", "info", "resp"); any other name
 // is taken as a key itself.

@@ -36,44 +36,41 @@ void keep_status(const char*, const char* payload, size_t len, void*)
         statuses.pop_front();
 }
 
-// Keys of the sample lists (BIOMETRIC_SAMPLE_*), by SCAN; false when the
-// server did not answer.
-bool sample_lists(bMSG::Messager& bus, std::vector<std::string>& keys)
+// Keys of the sample lists (BIOMETRIC_SAMPLE_*), by SCAN; empty, or why
+// not (a refusal, a lost server).
+std::string sample_lists(bMSG::Messager& bus, std::vector<std::string>& keys)
 {
     const std::string pattern = std::string(bus.bio_sample) + "*";
     std::string cursor = "0";
     do {
         Reply reply(static_cast<redisReply*>(redisCommand(
             bus.redis_context(), "SCAN %s MATCH %s COUNT 1000", cursor.c_str(), pattern.c_str())));
-        if (!reply)
-            return false;
-        const bool ok = reply->type == REDIS_REPLY_ARRAY && reply->elements == 2;
-        if (ok) {
-            cursor = reply->element[0]->str ? reply->element[0]->str : "0";
-            for (size_t i = 0; i < reply->element[1]->elements; ++i)
-                if (reply->element[1]->element[i]->type == REDIS_REPLY_STRING)
-                    keys.push_back(reply->element[1]->element[i]->str);
-        }
-        if (!ok)
-            return false;
+        if (const std::string why = why_not(bus, reply.get(), "SCAN"); !why.empty())
+            return why;
+        if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2)
+            return "SCAN: unexpected reply";
+        cursor = reply->element[0]->str ? reply->element[0]->str : "0";
+        for (size_t i = 0; i < reply->element[1]->elements; ++i)
+            if (reply->element[1]->element[i]->type == REDIS_REPLY_STRING)
+                keys.push_back(reply->element[1]->element[i]->str);
     } while (cursor != "0");
-    return true;
+    return "";
 }
 
-// One picture of the bus; false when the server is gone.
-bool draw(bMSG::Messager& bus, bool terminal)
+// One picture of the bus; empty, or why there is none.
+std::string draw(bMSG::Messager& bus, bool terminal)
 {
     std::vector<std::string> keys = {bus.device_cmd, bus.bio_cmd, bus.bio_info, bus.bio_resp};
     std::vector<std::string> samples;
-    if (!sample_lists(bus, samples))
-        return false;
+    if (const std::string why = sample_lists(bus, samples); !why.empty())
+        return why;
     std::sort(samples.begin(), samples.end());
     keys.insert(keys.end(), samples.begin(), samples.end());
     std::string text = now_text() + "\n";
     for (const std::string& key : keys) {
         const int n = bus.list_size(key.c_str());
         if (n < 0)
-            return false;
+            return why_failed(bus, n, "LLEN " + key);
         text += "  " + key + std::string(key.size() < 28 ? 28 - key.size() : 1, ' ') +
                 std::to_string(n) + "\n";
     }
@@ -86,7 +83,7 @@ bool draw(bMSG::Messager& bus, bool terminal)
     // On a terminal: home the cursor and clear, so the view stays in place.
     printf("%s%s", terminal ? "\x1b[H\x1b[2J" : "", text.c_str());
     fflush(stdout);
-    return true;
+    return "";
 }
 
 } // namespace
@@ -113,12 +110,14 @@ void add_watch_command(CLI::App& app, Action& action)
             bus->redis_context()->reader->maxelements = scan_reply_elements;
 #endif
             bMSG::Subscription status(*bus, {bus->system_status}, keep_status);
+            if (status.status() != 0)
+                return fail(why_not_subscribed(status));
             const bool terminal = isatty(STDOUT_FILENO);
             for (long i = 0; rounds == 0 || i < rounds; ++i) {
                 if (i > 0)
                     std::this_thread::sleep_for(std::chrono::duration<double>(interval));
-                if (!draw(*bus, terminal))
-                    return fail("lost the server");
+                if (const std::string why = draw(*bus, terminal); !why.empty())
+                    return fail(why);
             }
             return 0;
         };
