@@ -122,6 +122,19 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     ASSERT_TRUE(bmsg_test::wait_until([&] { return std::stoi(bmsg_test::redis_raw(fresh, "LLEN BIO_CMD")) >= 4; }));
     EXPECT_EQ((looping.kill(SIGINT), looping.wait()), 0) << "Ctrl-C ends a loop";
     shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
+
+    // Samples that grow: the player's segment grows with them.
+    const std::string grows = plain.dir() + "/grows.db", grow = bmsg_test::unique("grow");
+    bmsg_test::Child growing = recorder(plain, {"-o", grows, "--samples"});
+    for (int n : {1, 2}) {
+        bMSG::Messager m(plain.socket().c_str(), 0, 1);  // a sender each: its segment goes with it
+        BImage::Image sample(5 * n, 5 * n, BImage::GRAY8, nullptr);
+        ASSERT_TRUE(m.bio_sample_send(grow.c_str(), &sample) == 0 && bmsg_test::wait_until([&] { return counted(grows, "sample", "BIOMETRIC_SAMPLE_" + grow) == n; }));
+    }
+    EXPECT_EQ((growing.kill(SIGINT), growing.wait()), 0);
+    const auto regrown = tool({"-s", fresh.socket(), "play", grows, "--rate", "0"});
+    EXPECT_EQ(regrown.status, 0) << regrown.err;
+    shm_unlink(("/BIOMETRIC_SAMPLE_" + grow).c_str());
 }
 
 TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
