@@ -12,8 +12,9 @@
 // write(): an object shorter than 48 bytes is one whose creator has not got
 // that far, and nobody touches its mutex. Every other process attaches: it
 // never initialises the mutex again, never shrinks the object, and grows it
-// (ftruncate) only while holding the mutex. Only the creator unlinks the
-// name, and only while that name still names its object.
+// (posix_fallocate, every page allocated) only while holding the mutex.
+// Only the creator unlinks the name, and only while that name still names
+// its object.
 #ifndef BMSG_BSHMEM_H
 #define BMSG_BSHMEM_H
 
@@ -57,7 +58,8 @@ public:
     // (owner becomes true); otherwise attaches to the segment that exists
     // (owner false): its mutex is used as its creator made it (robust or
     // plain), and the object is grown to size, under that mutex, when it is
-    // shorter, never shrunk. An object this one created that still has its
+    // shorter, never shrunk; its pages are allocated then. An object this
+    // one created that still has its
     // name is kept (its mutex is written again only when someone cut the
     // object below 48 bytes). Waits up to about one second for a creator
     // that has not yet written the mutex; an object still shorter than 48

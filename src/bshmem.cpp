@@ -27,7 +27,7 @@ static_assert(sizeof(pthread_mutex_t) == SharedMemory::header_size,
 namespace {
 
 // Total mapped length; saturates instead of wrapping so that an absurd
-// capacity fails in ftruncate/mmap rather than mapping a tiny segment.
+// capacity fails in posix_fallocate/mmap rather than mapping a tiny segment.
 uint64_t total_size(size_t capacity)
 {
     return capacity > SIZE_MAX - SharedMemory::header_size ? SIZE_MAX
