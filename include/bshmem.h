@@ -59,9 +59,8 @@ public:
     // (owner false): its mutex is used as its creator made it (robust or
     // plain), and the object is grown to size, under that mutex, when it is
     // shorter, never shrunk; its pages are allocated then. An object this
-    // one created that still has its
-    // name is kept (its mutex is written again only when someone cut the
-    // object below 48 bytes). Waits up to about one second for a creator
+    // one created that still has its name is kept (its mutex is written
+    // again only when someone cut the object below 48 bytes). Waits up to about one second for a creator
     // that has not yet written the mutex; an object still shorter than 48
     // bytes after that was left by a creator that died there, and is
     // removed and created anew (by one waiter; the others attach to it).
