@@ -111,8 +111,9 @@ int show(const BImage::Image& image)
     return 0;
 }
 
-// The library's read takes a refused LRANGE for an empty list: the tool
-// looks at the oldest descriptor itself first.
+// A null from the library's read does not say why: the tool looks at the
+// oldest descriptor itself first, so a refusal and an empty list each get
+// their own message.
 int peek_oldest(const Options& o)
 {
     auto bus = open_bus(o);
