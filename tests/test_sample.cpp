@@ -120,13 +120,13 @@ TEST(ImageHeader, FixedLayoutAndOnlyWholeHeadersParse)
 TEST(SampleSend, CodesSegmentLayoutDescriptorSizeLimitAndTruncation)
 {
     RedisServer server;
-    const std::string m = unique("SEND"), blank = m + " X";
+    const std::string m = unique("SEND"), blank = m + " X", none = m + "NONE";
     auto bus = std::make_unique<bMSG::Messager>(server.socket().c_str(), 0, 1);
-    Image image(32, 16, BImage::YUYV, nullptr), emptied(4, 4, BImage::GRAY8, nullptr), wider(33, 16, BImage::YUYV, nullptr);
+    Image image(32, 16, BImage::YUYV, nullptr), emptied(4, 4, BImage::GRAY8, nullptr), wider(33, 16, BImage::YUYV, nullptr), unknown(4, 4, BImage::ImageFormat(10), nullptr);
     paint(image.data, 1024, 7);
     emptied.data = nullptr;
     const struct { const std::string& m; Image* image; int rc; } rows[] = {
-        {m, nullptr, -10}, {m, &emptied, -10}, {blank, &image, -2}};
+        {m, nullptr, -10}, {m, &emptied, -10}, {blank, &image, -2}, {none, &unknown, 0}};  // no pixels: only the header
     for (const auto& row : rows)
         EXPECT_EQ(bus->bio_sample_send(row.m.c_str(), row.image), row.rc) << row.m;
     EXPECT_FALSE(segment_exists(m) || segment_exists(blank));
