@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <numeric>
 #include <sstream>
@@ -151,12 +152,18 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     umask(umask_was);
     std::ofstream(server.dir() + "/text.db") << "not a database\n";
     bmsg_test::redis_raw(server, "SET SYSTEM_LOG string");  // its push is refused when played
+    // Edited to run FLUSHALL in place of that push: refused whole, before the pushes ahead of it are sent.
+    const std::string evil = server.dir() + "/evil.db", edit = "UPDATE events SET command = 'EVAL', name = 'redis.call(''FLUSHALL'')', payload = '0' WHERE name = 'SYSTEM_LOG'";
+    ASSERT_EQ(std::system(("sqlite3 " + file + " \"VACUUM INTO '" + evil + "'\" && sqlite3 " + evil + " \"" + edit + "\"").c_str()), 0);
+    const auto refused = tool({"-s", server.socket(), "play", evil, "--rate", "0"});
+    EXPECT_TRUE(refused.status == 1 && refused.err.find("event 4") != std::string::npos && bmsg_test::redis_raw(server, "LLEN BIO_CMD") == "3" &&
+                bmsg_test::redis_raw(server, "GET SYSTEM_LOG") == "string") << refused.err;
 
     // Exit status 2 on bad usage, 1 when the work fails (one line on stderr).
     const std::string& s = server.socket();
     const struct { std::vector<std::string> args; int status; } rows[] = {
         {{"record"}, 2}, {{"-s", s, "record", "-o", file}, 1}, {{"info"}, 2}, {{"info", file + "x"}, 1},
-        {{"info", server.dir() + "/text.db"}, 1}, {{"export", file}, 2}, {{"play", file, "--rate", "-1"}, 2},
+        {{"info", server.dir() + "/text.db"}, 1}, {{"info", evil}, 1}, {{"export", evil, "-o", server.dir() + "/out"}, 1}, {{"export", file}, 2}, {{"play", file, "--rate", "-1"}, 2},
         {{"-s", s, "play", file, "--rate", "0"}, 1},  // the sample has no pixels
         {{"-s", s, "play", file, "--rate", "0", "--only", "BIO_*"}, 0}, {{"-s", s, "play", file, "--rate", "0", "--only", "SYSTEM_*"}, 1}};
     for (const auto& row : rows) {

@@ -58,9 +58,12 @@ std::string send_sample(bMSG::Messager& bus, const recording::Event& e)
     return "";
 }
 
-// One event back onto the bus: empty, or why not.
-std::string replay(bMSG::Messager& bus, const recording::Event& e)
+// One event back onto the bus: empty, or why not. The file was checked when
+// it was opened; it is checked again here as it may have changed since.
+std::string replay(bMSG::Messager& bus, const recording::Event& e, long long number)
 {
+    if (const std::string why = recording::unrecordable(e); !why.empty())
+        return file_name + ": not a bmsg recording: event " + std::to_string(number) + ": " + why;
     if (e.kind == "sample")
         return send_sample(bus, e);
     const char* argv[] = {e.command.c_str(), e.name.data(), e.payload.data()};
@@ -92,9 +95,11 @@ int play(const Options& o)
     auto shown = Clock::now();
     do {
         int64_t first = -1;
+        long long number = 0;
         const auto start = Clock::now();
         const bool read = file->each(
             [&](const recording::Event& e) {
+                ++number;
                 if (!only.empty() && !matches(only, e.name))
                     return true;
                 if (first < 0)
@@ -108,7 +113,7 @@ int play(const Options& o)
                     ++skipped;
                     return true;
                 }
-                failed = replay(*bus, e);
+                failed = replay(*bus, e, number);
                 if (!failed.empty())
                     return false;
                 ++played;

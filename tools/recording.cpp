@@ -1,18 +1,24 @@
 #include "recording.h"
+#include "bmsg_tool.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace recording {
 
 namespace {
 
 constexpr const char* format_version = "1";
+
+// The library's key prefix of the sample lists (Messager::bio_sample).
+constexpr std::string_view sample_prefix = "BIOMETRIC_SAMPLE_";
 
 constexpr const char* schema =
     "PRAGMA journal_mode=WAL;"
@@ -82,6 +88,25 @@ std::unique_ptr<File> File::create(const std::string& path, std::string& error)
     return file;
 }
 
+std::string unrecordable(const Event& e)
+{
+    const std::string_view command = e.command, kind = e.kind;
+    const bool push = command == "LPUSH" || command == "RPUSH" || command == "LPUSHX" || command == "RPUSHX";
+    const bool sample_list = e.name.compare(0, sample_prefix.size(), sample_prefix) == 0;
+    bool ok = false;
+    if (kind == "push")
+        ok = push && !sample_list && !e.has_sample;
+    else if (kind == "sample")
+        ok = push && sample_list && (!e.has_sample || e.sample.modality == e.name.substr(sample_prefix.size()));
+    else if (kind == "publish" || kind == "set")
+        ok = command == (kind == "set" ? "SET" : "PUBLISH") && !e.has_sample;
+    if (ok)
+        return "";
+    const auto shown = [](const std::string& s) { return bmsg_tool::escaped(s.data(), std::min<size_t>(s.size(), 40)); };
+    return "kind \"" + shown(e.kind) + "\" command \"" + shown(e.command) + "\" on \"" + shown(e.name) + "\"" +
+           (e.has_sample ? " with a sample" : "") + " is nothing a recorder writes";
+}
+
 std::unique_ptr<File> File::open(const std::string& path, std::string& error)
 {
     Db db;
@@ -89,9 +114,23 @@ std::unique_ptr<File> File::open(const std::string& path, std::string& error)
         error = db.db ? sqlite3_errmsg(db.db) : "out of memory";
         return nullptr;
     }
+    // The file may come from anywhere: its schema runs no function that
+    // has side effects, and nothing is loaded from it.
+    sqlite3_db_config(db.db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(db.db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     std::unique_ptr<File> file(new File(db.release()));
     if (file->meta()["format"] != format_version) {
         error = "not a bmsg recording";
+        return nullptr;
+    }
+    // `play` sends the events' commands: a file edited to hold any other
+    // command (EVAL, FLUSHALL, ...) is refused whole, before anything is sent.
+    int64_t number = 0;
+    std::string why;
+    if (!file->each([&](const Event& e) { ++number; why = unrecordable(e); return why.empty(); }, false, error))
+        return nullptr;
+    if (!why.empty()) {
+        error = "not a bmsg recording: event " + std::to_string(number) + ": " + why;
         return nullptr;
     }
     return file;

@@ -33,13 +33,22 @@ struct Event {
     Sample sample;
 };
 
+// Empty when `e` is something a recorder writes: a push (LPUSH, RPUSH,
+// LPUSHX or RPUSHX of one element) onto a list that is not a sample list, a
+// sample (such a push onto a BIOMETRIC_SAMPLE_ list, with pixels of that
+// list when it has a sample), a PUBLISH or a SET (key and value); else what
+// it is instead, on one line. `bmsg play` sends nothing else.
+std::string unrecordable(const Event& e);
+
 class File {
 public:
     // Creates a new recording at `path` with mode 0600 (an existing file is
     // refused), WAL journal. Null with `error` set on failure.
     static std::unique_ptr<File> create(const std::string& path, std::string& error);
     // Opens a recording read-only (one a killed recorder left included).
-    // Null with `error` set when it is missing or not a recording.
+    // Null with `error` set when it is missing or not a recording: one event
+    // that unrecordable() refuses makes it none (`error` gives its number,
+    // counted from 1 in recorded order).
     static std::unique_ptr<File> open(const std::string& path, std::string& error);
     ~File();
     File(const File&) = delete;
