@@ -56,8 +56,8 @@ class SharedMemory;
 // Whom a connection logs in as. With `on`, every connection opened for it
 // sends AUTH before its first command: "AUTH user password", or "AUTH
 // password" (the default user) when `user` is empty. The password is kept
-// in memory and never printed.
-struct Login {
+// in memory, never printed, and cleared when the Login goes.
+struct BMSG_API Login {
     bool on = false;
     std::string user;
     std::string password;
@@ -66,6 +66,9 @@ struct Login {
     // On when `password` is not null or `user` is not empty; a null password
     // with a user is an empty password.
     Login(const char* user, const char* password);
+    Login(const Login&) = default;
+    Login& operator=(const Login&) = default;
+    ~Login();  // overwrites the password's bytes before they are freed
 };
 
 // (channel given to subscribe, payload (NUL-terminated, valid only during the

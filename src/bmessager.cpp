@@ -39,6 +39,11 @@ Login::Login(const char* user_, const char* password_)
 {
 }
 
+Login::~Login()
+{
+    explicit_bzero(&password[0], password.size());
+}
+
 Messager::Messager(const char* address_, uint16_t port_, int attempts_)
     : Messager(address_, port_, attempts_, nullptr, nullptr)
 {

@@ -83,6 +83,10 @@ void prepare_connection(redisContext* c)
 #endif
 }
 
+namespace {
+Reply send_and_read(redisContext* c, char* cmd, long long len, bool secret = false);
+} // namespace
+
 Opened open_connection(const std::string& address, uint16_t port, const Login& login,
                        Context& out, std::string* reason)
 {
@@ -95,10 +99,13 @@ Opened open_connection(const std::string& address, uint16_t port, const Login& l
     prepare_connection(out.get());
     if (!login.on)
         return Opened::ok;
-    Reply r = login.user.empty()
-                  ? command(out.get(), "AUTH %b", login.password.data(), login.password.size())
-                  : command(out.get(), "AUTH %b %b", login.user.data(), login.user.size(),
-                            login.password.data(), login.password.size());
+    // "AUTH password" for the default user, else "AUTH user password".
+    const std::string& first = login.user.empty() ? login.password : login.user;
+    const char* argv[] = {"AUTH", first.data(), login.password.data()};
+    const size_t lengths[] = {4, first.size(), login.password.size()};
+    char* cmd = nullptr;
+    const long long len = redisFormatCommandArgv(&cmd, login.user.empty() ? 2 : 3, argv, lengths);
+    Reply r = send_and_read(out.get(), cmd, len, true);
     if (!r)
         return Opened::failed;
     if (r->type != REDIS_REPLY_ERROR)
@@ -122,12 +129,18 @@ void set_error(redisContext* c, int type, const char* text)
     snprintf(c->errstr, sizeof c->errstr, "%s", text);
 }
 
-// Sends one formatted command (freed here) and reads its reply. Every write
-// goes through send(MSG_NOSIGNAL); hiredis's own output buffer stays empty,
-// so redisGetReply only reads.
-Reply send_and_read(redisContext* c, char* cmd, long long len)
+// Sends one formatted command (freed here, and first overwritten when it is
+// `secret`: AUTH's holds the password) and reads its reply. Every write goes
+// through send(MSG_NOSIGNAL); hiredis's own output buffer stays empty, so
+// redisGetReply only reads.
+Reply send_and_read(redisContext* c, char* cmd, long long len, bool secret)
 {
-    const std::unique_ptr<char, void (*)(char*)> owned(cmd, redisFreeCommand);
+    const auto release = [&](char* p) {
+        if (secret && len > 0)
+            explicit_bzero(p, static_cast<size_t>(len));
+        redisFreeCommand(p);
+    };
+    const std::unique_ptr<char, decltype(release)> owned(cmd, release);
     if (len == -1)
         set_error(c, REDIS_ERR_OOM, "Out of memory");
     else if (len < 0)

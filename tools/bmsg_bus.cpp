@@ -76,22 +76,50 @@ std::string probe(const Options& o)
     return why;
 }
 
-// One line of standard input; on a terminal it is asked for on stderr and
-// not echoed.
+// The terminal's settings while a password is read without echo. A signal
+// that would end the tool then (Ctrl-C, a hang-up) puts them back first.
+termios saved_terminal;
+
+void restore_terminal_and_die(int sig)
+{
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_terminal);
+    signal(sig, SIG_DFL);
+    raise(sig);  // delivered on return, now with the default action
+}
+
+// One line of standard input, read a byte at a time so that no stream
+// buffer keeps a copy; on a terminal it is asked for on stderr and not
+// echoed.
 std::string ask_password()
 {
-    termios saved = {};
-    const bool terminal = isatty(STDIN_FILENO) && tcgetattr(STDIN_FILENO, &saved) == 0;
+    const int ends[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    struct sigaction before[4] = {}, restore = {};
+    const bool terminal = isatty(STDIN_FILENO) && tcgetattr(STDIN_FILENO, &saved_terminal) == 0;
     if (terminal) {
-        termios quiet = saved;
+        restore.sa_handler = restore_terminal_and_die;
+        sigemptyset(&restore.sa_mask);
+        for (int i = 0; i < 4; ++i)
+            if (sigaction(ends[i], nullptr, &before[i]) == 0 && before[i].sa_handler != SIG_IGN)
+                sigaction(ends[i], &restore, nullptr);
+        termios quiet = saved_terminal;
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
         fputs("Password: ", stderr);
     }
     std::string line;
-    std::getline(std::cin, line);
+    line.reserve(256);  // a longer one leaves its shorter copies behind, uncleared
+    for (char c; ;) {
+        const ssize_t n = read(STDIN_FILENO, &c, 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n != 1 || c == '\n')
+            break;
+        line += c;
+    }
     if (terminal) {
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_terminal);
+        for (int i = 0; i < 4; ++i)
+            sigaction(ends[i], &before[i], nullptr);
         fputc('\n', stderr);
     }
     return line;
@@ -156,13 +184,15 @@ std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
         return nullptr;
     }
     const char* env = getenv("BMSG_PASSWORD");
-    const std::string password = o.askpass ? ask_password() : env ? env : "";
+    std::string password = o.askpass ? ask_password() : env ? env : "";
     const bool login = o.askpass || env || !o.user.empty();
     // One attempt: the probe has just seen the server. The library reports
-    // a refused login itself (on stdout, with the server's reason).
+    // a refused login itself (on stdout, with the server's reason). The
+    // Messager keeps its own copy of the password; this one is cleared.
     std::unique_ptr<bMSG::Messager> bus(new bMSG::Messager(
         o.socket.empty() ? o.host.c_str() : o.socket.c_str(), o.port, 1,
         o.user.empty() ? nullptr : o.user.c_str(), login ? password.c_str() : nullptr));
+    explicit_bzero(&password[0], password.size());
     if (!bus->redis_context()) {
         fail(bus->last_error().empty() ? "cannot connect to " + where
                                        : "login refused: " + bus->last_error());

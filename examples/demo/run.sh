@@ -26,11 +26,18 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# A password per role for this run; the ACL copy holds only their hashes.
+# A password per role for this run, kept in this script's variables (not
+# exported): provision-acl is given them all, each process below only its own
+# as BMSG_PASSWORD, redis-server and the rest none. The ACL copy holds only
+# their hashes.
+declare -A pw
+unset BMSG_PASSWORD "${!BMSG_PASSWORD_@}"  # nor any inherited from the caller
 for role in capture consumer control recorder; do
-  export "BMSG_PASSWORD_${role^^}=$(head -c 18 /dev/urandom | base64 | tr -d '/+=')"
+  pw[$role]=$(head -c 18 /dev/urandom | base64 | tr -d '/+=')
 done
-"$here/../../data/provision-acl" "$here/../../data/device.acl" "$dir/device.acl"
+BMSG_PASSWORD_CAPTURE=${pw[capture]} BMSG_PASSWORD_CONSUMER=${pw[consumer]} \
+  BMSG_PASSWORD_CONTROL=${pw[control]} BMSG_PASSWORD_RECORDER=${pw[recorder]} \
+  "$here/../../data/provision-acl" "$here/../../data/device.acl" "$dir/device.acl"
 redis-server --port 0 --unixsocket "$dir/redis.sock" --aclfile "$dir/device.acl" --save "" \
   --appendonly no --dir "$dir" --logfile "$dir/redis.log" --daemonize no &
 pids+=($!)
@@ -46,7 +53,7 @@ echo "redis-server on $dir/redis.sock only, web service on https://127.0.0.1:$we
 echo "redis-server runs data/device.acl with this run's passwords: default user off, one user per role"
 
 rm -f "$out/exchange.bmsgrec"
-BMSG_PASSWORD=$BMSG_PASSWORD_RECORDER "$build/tools/bmsg" -s "$dir/redis.sock" --user recorder \
+BMSG_PASSWORD=${pw[recorder]} "$build/tools/bmsg" -s "$dir/redis.sock" --user recorder \
   record --samples -o "$out/exchange.bmsgrec" &
 recorder=$!
 pids+=($recorder)
@@ -55,17 +62,17 @@ sleep 0.2
 echo "bmsg record --samples logged in as recorder, into $out/exchange.bmsgrec"
 
 start=$(date +%s%3N)
-BMSG_PASSWORD=$BMSG_PASSWORD_CAPTURE "$build/examples/demo/demo_capture" "$dir/redis.sock" "$start" &
+BMSG_PASSWORD=${pw[capture]} "$build/examples/demo/demo_capture" "$dir/redis.sock" "$start" &
 capture=$!
-BMSG_PASSWORD=$BMSG_PASSWORD_CONSUMER BMSG_DEMO_CA="$dir/ca.pem" \
+BMSG_PASSWORD=${pw[consumer]} BMSG_DEMO_CA="$dir/ca.pem" \
   "$build/examples/demo/demo_consumer" "$dir/redis.sock" "$start" "$web_port" "$out" "$count" &
 consumer=$!
 status=0
 # A bound on the script, so a lost message cannot keep the demo waiting.
-BMSG_PASSWORD=$BMSG_PASSWORD_CONTROL LUA_CPATH="$build/lua/?.so" \
+BMSG_PASSWORD=${pw[control]} LUA_CPATH="$build/lua/?.so" \
   timeout 120 luajit "$here/control.lua" "$dir/redis.sock" "$start" "$count" || status=1
 wait "$consumer" || status=1
-BMSG_PASSWORD=$BMSG_PASSWORD_CONTROL "$build/tools/bmsg" -s "$dir/redis.sock" --user control push cmd quit
+BMSG_PASSWORD=${pw[control]} "$build/tools/bmsg" -s "$dir/redis.sock" --user control push cmd quit
 wait "$capture" || status=1
 kill -INT "$recorder"
 wait "$recorder" || status=1
