@@ -94,3 +94,21 @@ TEST(Login, WrongPasswordFailsAtOnceAndTheToolLogsInOrFailsWithTheServersText)
             << row.args[0] << c.err();
     }
 }
+
+TEST(Login, ProvisionAclHashesPlainUserNamesAndRefusesOthersRunningNothing)
+{
+    const std::string acl = "/tmp/" + bmsg_test::unique("acl"), out = acl + ".out";
+    setenv("BMSG_PASSWORD_FIELD_TOOL", "pw", 1), setenv("BMSG_PASSWORD_AB_9", "pw", 1), setenv("BMSG_PASSWORD_FIELD", "no", 1);
+    const std::pair<std::string, bool> names[] = {{"field-tool", true}, {"aB_9", true}, {"x-}$(:>PWNED)${x", false},
+        {"a`:>PWNED`", false}, {"x;y", false}, {"\xc3\xa9", false}, {"a.b", false}};  // good or not
+    for (const auto& [name, good] : names) {
+        std::ofstream(acl) << "user admin on\nuser " << name << " on resetpass\n";
+        const int status = bmsg_test::spawn_native(BMSG_ACL_PROVISION, {acl, out}).wait();
+        std::ifstream in(out);
+        const std::string got{std::istreambuf_iterator<char>(in), {}}, hash = " #30c952fab122c3f9759f02a6d95c3758b246b4fee239957b2d4fee46e26170c4\n";  // of "pw"
+        EXPECT_TRUE(good ? status == 0 && got.find(name + " on resetpass" + hash) != std::string::npos
+                         : status == 1 && !in && access("PWNED", F_OK) != 0) << name << got;
+        unlink(out.c_str()), unlink("PWNED");
+    }
+    unlink(acl.c_str());
+}
