@@ -102,12 +102,17 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     const std::string info = tool({"info", file}).out;
     EXPECT_TRUE(info.find(" from 2") != info.npos && info.find("pixels recorded") != info.npos && info.find("64x48 GRAY8 1 samples, 0 missed") != info.npos) << info;
 
-    const std::string dir = recorded.dir() + "/export";
-    picture::Picture png; std::string error; struct stat st = {};
-    ASSERT_TRUE(tool({"export", file, "-o", dir}).status == 0 && picture::read_file(dir + "/samples/000009-" + modality + ".png", png, error)) << error;
-    EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u && !stat((dir + "/events.jsonl").c_str(), &st) && !(st.st_mode & 077));
-    std::stringstream jsonl;  // controls and a quote escaped, bytes that are not UTF-8 as lone surrogates
-    jsonl << std::ifstream(dir + "/events.jsonl").rdbuf();
+    // Into directories open to others with links at the names to write: made private, the links replaced, not followed.
+    const std::string dir = recorded.dir() + "/export", victim = recorded.dir() + "/victim", png_name = dir + "/samples/000009-" + modality + ".png";
+    std::ofstream(victim) << "kept";
+    ASSERT_TRUE(!mkdir(dir.c_str(), 0755) && !mkdir((dir + "/samples").c_str(), 0755) && !symlink(victim.c_str(), (dir + "/events.jsonl").c_str()) && !symlink(victim.c_str(), png_name.c_str()));
+    picture::Picture png; std::string error; struct stat st = {}, samples = {};
+    ASSERT_TRUE(tool({"export", file, "-o", dir}).status == 0 && picture::read_file(png_name, png, error)) << error;
+    EXPECT_TRUE(std::equal(png.pixels.begin(), png.pixels.end(), image.data) && png.pixels.size() == 64 * 48u && !lstat((dir + "/events.jsonl").c_str(), &st) &&
+                (st.st_mode & 0170777) == (S_IFREG | 0600) && !stat((dir + "/samples").c_str(), &samples) && (samples.st_mode & 0777) == 0700);
+    std::stringstream jsonl, kept;  // controls and a quote escaped, bytes that are not UTF-8 as lone surrogates
+    jsonl << std::ifstream(dir + "/events.jsonl").rdbuf(), kept << std::ifstream(victim).rdbuf();
+    EXPECT_EQ(kept.str(), "kept");
     for (const char* text : {"\\u001f !\\\"#", "~\\u007f\\udc80\\udc81", utf8_json})
         EXPECT_NE(jsonl.str().find(text), std::string::npos) << text;
 
@@ -171,4 +176,8 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
         EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;
         EXPECT_TRUE(row.status != 1 || std::count(r.err.begin(), r.err.end(), '\n') == 1) << r.err;
     }
+    // A recorder that loses its server before the first event leaves no file.
+    bmsg_test::Child gone = recorder(server, {"-o", server.dir() + "/gone.db"});
+    bmsg_test::redis_raw(server, "CLIENT KILL TYPE normal");
+    EXPECT_TRUE(gone.wait() == 1 && access((server.dir() + "/gone.db").c_str(), F_OK) != 0) << gone.err();
 }

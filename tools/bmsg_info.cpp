@@ -5,7 +5,9 @@
 #include "picture.h"
 #include "recording.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -135,21 +137,115 @@ std::string file_safe(const std::string& name)
     return out;
 }
 
+std::string errno_text()
+{
+    return errno == ELOOP ? "a symbolic link, not followed" : strerror(errno);
+}
+
+// The directory `name` (in `at`) as one only this user may use (0700): made
+// when missing; an existing one is made 0700, and is refused when it is a
+// symbolic link or someone else's. Its descriptor, or -1 with `error` set.
+int private_directory(int at, const std::string& name, std::string& error)
+{
+    if (mkdirat(at, name.c_str(), 0700) != 0 && errno != EEXIST) {
+        error = strerror(errno);
+        return -1;
+    }
+    const int fd = openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0 || (st.st_uid != geteuid() && (errno = EPERM)) || fchmod(fd, 0700) != 0) {
+        error = errno_text();
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A file written under a temporary name in a private directory and then
+// renamed over `name`: whatever had that name (an earlier export's file, a
+// symbolic link, a file linked elsewhere) is replaced, never written through.
+// Mode 0600 whatever the umask. Removed unless put in place.
+class NewFile {
+public:
+    NewFile(int dir, std::string name) : dir_(dir), name_(std::move(name)), temp_("." + name_ + ".new") {}
+    ~NewFile()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        if (created_)
+            unlinkat(dir_, temp_.c_str(), 0);
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    // The new file's descriptor, or -1 with `error` set. A temporary left
+    // by an export that was killed is removed first: only this user can
+    // have put it in the directory.
+    int open(std::string& error)
+    {
+        unlinkat(dir_, temp_.c_str(), 0);
+        fd_ = openat(dir_, temp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        created_ = fd_ >= 0;
+        if (fd_ < 0 || fchmod(fd_, 0600) != 0)
+            error = errno_text();
+        return error.empty() ? fd_ : -1;
+    }
+    // The file as a stream that owns its descriptor from now on.
+    FILE* stream()
+    {
+        FILE* f = fdopen(fd_, "w");
+        if (f)
+            fd_ = -1;
+        return f;
+    }
+    // A path that opens this very file (libpng writes to a path).
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+    bool commit(std::string& error)
+    {
+        if (renameat(dir_, temp_.c_str(), dir_, name_.c_str()) != 0) {
+            error = strerror(errno);
+            return false;
+        }
+        created_ = false;
+        return true;
+    }
+
+private:
+    int dir_, fd_ = -1;
+    bool created_ = false;
+    std::string name_, temp_;
+};
+
+struct Fd {
+    int fd;
+    ~Fd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
 int export_recording(const Options&)
 {
     std::string error;
     auto file = recording::File::open(file_name, error);
     if (!file)
         return fail(file_name + ": " + error);
-    // The images are biometric: only this user may read what is written.
+    // The images are biometric: only this user may read what is written,
+    // and nothing found in the directories is written through.
     umask(077);
-    for (const std::string& d : {directory, directory + "/samples"})
-        if (mkdir(d.c_str(), 0700) != 0 && errno != EEXIST)
-            return fail(d + ": " + strerror(errno));
+    const Fd top{private_directory(AT_FDCWD, directory, error)};
+    if (top.fd < 0)
+        return fail(directory + ": " + error);
+    const Fd samples{private_directory(top.fd, "samples", error)};
+    if (samples.fd < 0)
+        return fail(directory + "/samples: " + error);
     const std::string events_path = directory + "/events.jsonl";
-    std::unique_ptr<FILE, int (*)(FILE*)> out(fopen(events_path.c_str(), "w"), fclose);
+    NewFile events(top.fd, "events.jsonl");
+    std::unique_ptr<FILE, int (*)(FILE*)> out(events.open(error) < 0 ? nullptr : events.stream(), fclose);
     if (!out)
-        return fail(events_path + ": " + strerror(errno));
+        return fail(events_path + ": " + (error.empty() ? strerror(errno) : error));
     long long n = 0, pngs = 0;
     std::string failed;
     const auto write_line = [&](const std::string& line) {
@@ -178,8 +274,9 @@ int export_recording(const Options&)
                 picture::Picture pic;
                 if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
                     line += ",\"missed\":\"no picture of this format or size\"";
-                } else if (!picture::write_png(directory + "/" + png, pic, failed)) {
-                    failed = png + ": " + failed;
+                } else if (NewFile f(samples.fd, png.substr(png.find('/') + 1));
+                           f.open(failed) < 0 || !picture::write_png(f.path(), pic, failed) || !f.commit(failed)) {
+                    failed = directory + "/" + png + ": " + failed;
                     return false;
                 } else {
                     line += ",\"png\":" + json(png);
@@ -193,8 +290,8 @@ int export_recording(const Options&)
         return fail(file_name + ": " + error);
     if (!failed.empty())
         return fail(failed);
-    if (fflush(out.get()) != 0 || ferror(out.get()))
-        return fail(events_path + ": " + strerror(errno));
+    if (fflush(out.get()) != 0 || ferror(out.get()) || !events.commit(error))
+        return fail(events_path + ": " + (error.empty() ? strerror(errno) : error));
     printf("%lld events to %s, %lld PNG files in %s/samples\n", n, events_path.c_str(), pngs,
            directory.c_str());
     return 0;

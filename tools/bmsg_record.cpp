@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -270,8 +271,22 @@ int record(const Options& o)
         return fail(why);
     std::string error;
     auto file = recording::File::create(output, error);
-    if (!file)
-        return fail(output + ": " + error);
+    struct stat created = {};
+    if (!file || stat(output.c_str(), &created) != 0)
+        return fail(output + ": " + (file ? strerror(errno) : error));
+    long long kept = 0;  // events in the file
+    // A recording that fails before its first event holds nothing: the file
+    // made for it goes (when it is still the one made here).
+    const auto failed_with = [&](const std::string& why) {
+        struct stat now;
+        file.reset();
+        if (kept == 0 && lstat(output.c_str(), &now) == 0 && now.st_dev == created.st_dev &&
+            now.st_ino == created.st_ino) {
+            for (const char* end : {"-wal", "-shm", ""})
+                unlink((output + end).c_str());
+        }
+        return fail(why);
+    };
 
     Recorder r;
     r.patterns = record_patterns;
@@ -288,7 +303,7 @@ int record(const Options& o)
                            file->set_meta("samples", with_samples ? "1" : "0", error) &&
                            file->set_meta("patterns", patterns_text, error);
     if (!described)
-        return fail(output + ": " + error);
+        return failed_with(output + ": " + error);
 
     catch_stop();
     std::thread reader([&] { r.read(c); });
@@ -305,8 +320,12 @@ int record(const Options& o)
             batch.swap(r.pending);
             finished = r.done;
         }
-        if (failed.empty() && !batch.empty() && !file->write(batch, failed))
-            stop_requested = true;  // the reader ends; nothing more can be kept
+        if (failed.empty() && !batch.empty()) {
+            if (file->write(batch, failed))
+                kept += static_cast<long long>(batch.size());
+            else
+                stop_requested = true;  // the reader ends; nothing more can be kept
+        }
         for (const auto& e : batch) {
             ++counts[e.kind];
             missed += e.has_sample && !e.sample.missed.empty();
@@ -331,10 +350,10 @@ int record(const Options& o)
     reader.join();
     printf("%s%s\n", terminal ? "\r" : "", line.c_str());
     if (!failed.empty())
-        return fail(output + ": " + failed);
+        return failed_with(output + ": " + failed);
     if (!file->set_meta("ended_us", std::to_string(wall_us()), error))
-        return fail(output + ": " + error);
-    return r.lost.empty() ? 0 : fail("lost the server: " + r.lost);
+        return failed_with(output + ": " + error);
+    return r.lost.empty() ? 0 : failed_with("lost the server: " + r.lost);
 }
 
 } // namespace
