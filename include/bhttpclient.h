@@ -17,7 +17,14 @@
 //
 // Retries and redirects: a transport failure (state 1 or 65) before any
 // response header arrived is retried up to `retry_max` more times, each
-// time on a new connection; a failure after a response began is not. A
+// time on a new connection; a failure after a response began is not, nor
+// one of these certificate failures (libcurl's codes): 58
+// CURLE_SSL_CERTPROBLEM, 60 CURLE_PEER_FAILED_VERIFICATION, 77
+// CURLE_SSL_CACERT_BADFILE, 82 CURLE_SSL_CRL_BADFILE, 83
+// CURLE_SSL_ISSUER_ERROR, 90 CURLE_SSL_PINNEDPUBKEYNOTMATCH, 91
+// CURLE_SSL_INVALIDCERTSTATUS, 98 CURLE_SSL_CLIENTCERT. A server that ends
+// the connection right after the handshake (55, 56; see set_tls) is still
+// retried: that is also how a dropped connection looks. A
 // 301, 302, 303, 307 or 308 response is followed while fewer than
 // `redirect_max` redirects have been followed; 301, 302 and 303 continue
 // with a GET without a body, 307 and 308 repeat the method and the body.
@@ -37,7 +44,16 @@
 //
 // The client reads no environment variables: libcurl's proxy variables
 // (http_proxy, HTTPS_PROXY, ALL_PROXY, NO_PROXY) are ignored, requests always
-// go straight to the URL's host.
+// go straight to the URL's host. SSLKEYLOGFILE is honoured by Debian 12's
+// libcurl (OpenSSL flavour), which then logs every TLS secret to that file;
+// the client takes that logging off each of its TLS connections, so none of
+// their secrets is written (libcurl may still create the file, empty, when
+// the variable is set as it starts up).
+//
+// Departures from earlier versions:
+//  - with set_tls's https, a whole http:// URL as the path is refused, not sent in the clear;
+//  - certificate and verification failures (listed above) are no longer retried;
+//  - SSLKEYLOGFILE no longer makes libcurl write the secrets of the client's connections.
 #ifndef BMSG_BHTTPCLIENT_H
 #define BMSG_BHTTPCLIENT_H
 
@@ -63,6 +79,7 @@ constexpr int HTTP_STATE_TASK_ERROR = 67; // error: one of the HTTP_ERR_* codes
 // Errors of HTTP_STATE_TASK_ERROR.
 constexpr int HTTP_ERR_URI_PARSE_FAILED = 1001;   // the URL cannot be parsed
 constexpr int HTTP_ERR_URI_SCHEME_INVALID = 1002; // scheme other than http, https
+                                                  // (with set_tls's https: other than https)
 constexpr int HTTP_ERR_URI_PORT_INVALID = 1003;   // port 0 or not a 16-bit number
 constexpr int HTTP_ERR_BAD_REDIRECT = 2001;       // redirect without a usable Location
 
@@ -80,7 +97,8 @@ using HttpErrorCallback = std::function<void(int, int)>;
 // (a missing or unreadable file, a pin that does not match) fails with
 // HTTP_STATE_SSL_ERROR and libcurl's code, e.g. 60 an unverifiable server
 // (unknown CA, wrong host name, expired), 77 a bad ca_file, 58 a bad client
-// certificate or key, 90 a pin mismatch.
+// certificate or key, 90 a pin mismatch, 66 (4 with a libcurl not built on
+// OpenSSL) when its key logging cannot be turned off (see SSLKEYLOGFILE).
 struct HttpTls {
     bool https = false;            // composed URLs use https:// instead of http://
     std::string ca_file;           // PEM bundle that verifies the server; empty: the system's
@@ -110,6 +128,10 @@ public:
     // transfer of the client, also to whole URLs passed as the path and to
     // redirects. A non-empty ca_file is the only set of trusted CAs (the
     // system's are then not consulted). With https on:
+    //  - a whole URL passed as the path must be https: an http:// one is
+    //    refused before anything is sent (HTTP_STATE_TASK_ERROR,
+    //    HTTP_ERR_URI_SCHEME_INVALID); an https:// one is verified with the
+    //    settings above like a composed one;
     //  - a redirect to a plain http:// URL is not followed
     //    (HTTP_STATE_TASK_ERROR, HTTP_ERR_BAD_REDIRECT);
     //  - a connection that the server ends after the TLS handshake and

@@ -1,6 +1,7 @@
 #include "bhttpclient.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <netdb.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -212,13 +213,46 @@ CURLcode set_text(CURL* h, CURLoption option, const std::string& text)
     return rc;
 }
 
+// OpenSSL's SSL_CTX_set_keylog_callback, looked up at run time as the
+// library links libcurl only: first among libcurl's own dependencies (ours
+// may have been loaded into a local scope), then anywhere.
+using SetKeylog = void (*)(void*, void (*)(const void*, const char*));
+SetKeylog find_set_keylog()
+{
+    const char* const name = "SSL_CTX_set_keylog_callback";
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&curl_easy_init), &info) && info.dli_fname)
+        if (void* curl = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD))
+            if (void* found = dlsym(curl, name))
+                return reinterpret_cast<SetKeylog>(found);
+    return reinterpret_cast<SetKeylog>(dlsym(RTLD_DEFAULT, name));
+}
+
+// libcurl's OpenSSL back-end writes every TLS secret to the file named by
+// SSLKEYLOGFILE through the context's key-log callback; taking the callback
+// off again keeps our connections' secrets out of it. Without the function
+// that cannot be promised, so the connection is not made.
+CURLcode no_key_log(CURL*, void* ssl_ctx, void*)
+{
+    static const SetKeylog set_keylog = find_set_keylog();
+    if (!set_keylog)
+        return CURLE_SSL_ENGINE_INITFAILED;
+    set_keylog(ssl_ctx, nullptr);
+    return CURLE_OK;
+}
+
 // Verification is set on explicitly, whatever libcurl's defaults: nothing
 // in the client turns it off.
 CURLcode configure_tls(CURL* h, const HttpTls& tls)
 {
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
-    CURLcode rc = set_text(h, CURLOPT_CAINFO, tls.ca_file);
+    // With https on, libcurl itself refuses anything in the clear as well.
+    if (tls.https)
+        check_alloc(curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "https") == CURLE_OK);
+    CURLcode rc = curl_easy_setopt(h, CURLOPT_SSL_CTX_FUNCTION, no_key_log);
+    if (rc == CURLE_OK)
+        rc = set_text(h, CURLOPT_CAINFO, tls.ca_file);
     if (rc == CURLE_OK && !tls.ca_file.empty())
         rc = curl_easy_setopt(h, CURLOPT_CAPATH, nullptr);  // the bundle alone
     if (rc == CURLE_OK)
@@ -381,10 +415,29 @@ std::unique_ptr<Transfer> perform(CURLU* url, const Request& r, curl_slist* head
     return t;
 }
 
+// A certificate that failed verification, or one of ours that could not be
+// used, fails the same way on a new connection.
+bool is_certificate_error(CURLcode rc)
+{
+    switch (rc) {
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CLIENTCERT:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // A transport failure before any response header is worth another try.
 bool retryable(const Transfer& t)
 {
-    return t.result != CURLE_OK && t.header_bytes == 0 &&
+    return t.result != CURLE_OK && t.header_bytes == 0 && !is_certificate_error(t.result) &&
            (t.failure.state == HTTP_STATE_SYS_ERROR || t.failure.state == HTTP_STATE_SSL_ERROR);
 }
 
@@ -456,6 +509,9 @@ int request(const bHttpClient& client, const HttpTls& tls, const std::string& ur
     check_alloc(url != nullptr);
     if (int bad = set_url(url.get(), url_text.c_str()))
         return fail(on_error, {bad, HTTP_STATE_TASK_ERROR});
+    // A whole URL as the path must not turn a configured https channel plain.
+    if (tls.https && is_plain(url.get()))
+        return fail(on_error, {HTTP_ERR_URI_SCHEME_INVALID, HTTP_STATE_TASK_ERROR});
     for (int redirects = 0;; ++redirects) {
         std::unique_ptr<Transfer> t =
             perform_with_retries(url.get(), r, headers.get(), client.retry_max, tls);

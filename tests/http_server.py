@@ -21,6 +21,8 @@ class Handler(socketserver.BaseRequestHandler):
 
     def handle(self):
         if self.server.tls:
+            tls = "/tls/%d" % self.server.server_address[1]  # its connections, under /hits/tls/PORT
+            hits[tls] = hits.get(tls, 0) + 1
             try:
                 self.request = self.server.tls.wrap_socket(self.request, server_side=True)
             except (ssl.SSLError, OSError):  # the client refused us or we refused it

@@ -165,32 +165,42 @@ TEST(Https, VerifiesTheServerAndPresentsTheDevice)
     std::istringstream(server.out()) >> plain >> good >> unknown >> wrong_host >> expired >> mutual;
     std::string pin, ok = "200 status 200", wrong_pin = "sha256//" + std::string(43, 'A') + "=";
     std::ifstream(d + "/pin") >> pin;
-    // Files are in the test's directory; a client certificate goes with device.key.
-    struct Row { const char* host; unsigned short port; std::string ca, pin, cert, path, expected; };
+    setenv("SSLKEYLOGFILE", (d + "/keys").c_str(), 1);  // before libcurl starts: to be ignored
+    bHttpClient probe("127.0.0.1", plain, 0, 0);
+    const auto connections = [&](unsigned short p) { return std::stoi(call(probe, nullptr, "/hits/tls/" + std::to_string(p)).substr(4)); };
+    const auto whole = [](std::string scheme_host, unsigned short p) { return scheme_host + ":" + std::to_string(p) + "/status/200"; };
+    // Files are in the test's directory; a client certificate goes with device.key. Up to 3 retries;
+    // `tries`: connections the server saw.
+    struct Row { const char* host; unsigned short port; std::string ca, pin, cert, path, expected; int tries; };
     const auto file = [&d](const std::string& name) { return name.empty() ? name : d + "/" + name; };
     for (const Row& r : std::vector<Row>{
-             {"127.0.0.1", good, "ca.pem", "", "", "/status/200", ok},
-             {"localhost", good, "ca.pem", "", "", "/status/200", ok},
-             {"127.0.0.1", good, "ca.pem", pin, "", "/status/200", ok},
-             {"127.0.0.1", good, "ca.pem", "", "", "/redirect/1?code=307", "200 GET /redirect/0?code=307 HTTP/1.1\r\n" + standard + "\r\n"},
-             {"127.0.0.1", mutual, "ca.pem", "", "device.pem", "/status/200", ok},
-             {"127.0.0.1", plain, "ca.pem", "", "", "http://127.0.0.1:" + std::to_string(plain) + "/status/200", ok},
-             {"127.0.0.1", good, "", "", "", "/status/200", err(60, 65)},  // the system's CAs do not know ours
-             {"127.0.0.1", unknown, "ca.pem", "", "", "/status/200", err(60, 65)},
-             {"127.0.0.1", wrong_host, "ca.pem", "", "", "/status/200", err(60, 65)},
-             {"127.0.0.1", expired, "ca.pem", "", "", "/status/200", err(60, 65)},
-             {"127.0.0.1", good, "ca.pem", wrong_pin, "", "/status/200", err(90, 65)},
-             {"127.0.0.1", unknown, "ca.pem", pin, "", "/status/200", err(60, 65)},
-             {"127.0.0.1", good, "missing.pem", "", "", "/status/200", err(77, 65)},
-             {"127.0.0.1", mutual, "ca.pem", "", "", "/status/200", err(56, 65)},
-             {"127.0.0.1", mutual, "ca.pem", "", "missing.pem", "/status/200", err(58, 65)},
-             {"127.0.0.1", good, "ca.pem", "", "", "/downgrade", err(2001, 67)},
+             {"127.0.0.1", good, "ca.pem", "", "", "/status/200", ok, 1},
+             {"127.0.0.1", good, "ca.pem", "", "", whole("https://localhost", good), ok, 1},
+             {"127.0.0.1", good, "ca.pem", pin, "", "/status/200", ok, 1},
+             {"127.0.0.1", good, "ca.pem", "", "", "/redirect/1?code=307", "200 GET /redirect/0?code=307 HTTP/1.1\r\n" + standard + "\r\n", 2},
+             {"127.0.0.1", mutual, "ca.pem", "", "device.pem", whole("https://127.0.0.1", mutual), ok, 1},
+             {"127.0.0.1", good, "ca.pem", "", "", whole("http://127.0.0.1", good), err(1002, 67), 0},  // never in the clear
+             {"127.0.0.1", good, "", "", "", "/status/200", err(60, 65), 1},  // the system's CAs do not know ours
+             {"127.0.0.1", unknown, "ca.pem", "", "", "/status/200", err(60, 65), 1},
+             {"127.0.0.1", wrong_host, "ca.pem", "", "", "/status/200", err(60, 65), 1},
+             {"127.0.0.1", expired, "ca.pem", "", "", whole("https://127.0.0.1", expired), err(60, 65), 1},
+             {"127.0.0.1", good, "ca.pem", wrong_pin, "", whole("https://127.0.0.1", good), err(90, 65), 1},
+             {"127.0.0.1", unknown, "ca.pem", pin, "", "/status/200", err(60, 65), 1},
+             {"127.0.0.1", good, "missing.pem", "", "", "/status/200", err(77, 65), 1},
+             {"127.0.0.1", mutual, "ca.pem", "", "", "/status/200", err(56, 65), 4},  // looks like a dropped connection
+             {"127.0.0.1", mutual, "ca.pem", "", "missing.pem", "/status/200", err(58, 65), 1},
+             {"127.0.0.1", good, "ca.pem", "", "", "/downgrade", err(2001, 67), 1},
          }) {
-        bHttpClient c(r.host, r.port, 0, 5);
+        bHttpClient c(r.host, r.port, 3, 5);
         c.set_tls({true, file(r.ca), r.pin, file(r.cert), file(r.cert.empty() ? "" : "device.key")});
+        const int before = connections(r.port);
         std::string seen = call(c, nullptr, r.path);
         if (seen == err(55, 65))  // the refusal of a missing client certificate came before our request
             seen = err(56, 65);
         EXPECT_EQ(seen, r.expected) << r.host << ":" << r.port << r.path;
+        int tries = 0;  // the server may take up a connection after the client has given it up
+        bmsg_test::wait_until([&] { return (tries = connections(r.port) - before) >= r.tries; });
+        EXPECT_EQ(tries, r.tries) << r.host << ":" << r.port << r.path;
     }
+    EXPECT_LE(static_cast<long>(std::ifstream(d + "/keys", std::ios::ate).tellg()), 0);  // no TLS secret logged
 }
