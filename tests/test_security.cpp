@@ -83,7 +83,7 @@ TEST(Login, WrongPasswordFailsAtOnceAndTheToolLogsInOrFailsWithTheServersText)
         {"fieldtool", {"push", "cmd", "x"}, 1, "NOPERM"}, {"fieldtool", {"pop", "cmd"}, 1, "NOPERM"}, {"fieldtool", {"clear", "cmd"}, 1, "NOPERM"},
         {"consumer", {"push", "cmd", "x"}, 1, "NOPERM"}, {"capture", {"--askpass", "len", "cmd"}, 1, "NOPERM"}, {"nosuch", {"ping"}, 1, "WRONGPASS"},
         {"capture", {"sample", "peek", "m"}, 1, "NOPERM"}, {"capture", {"sample", "recv", "m", "-t", "1"}, 1, "NOPERM"}, {"capture", {"subscribe", "X"}, 1, "NOPERM"},
-        {"control", {"watch", "-n", "1"}, 1, "NOPERM"}, {"fieldtool", {"watch", "-n", "1"}, 0, ""}};
+        {"control", {"watch", "-n", "1"}, 1, "NOPERM"}, {"fieldtool", {"watch", "-n", "1"}, 0, ""}, {"", {"ping"}, 1, "--user"}};
     for (const auto& row : rows) {
         const std::string pw = acl.passwords[acl.passwords.count(row.user) ? row.user : "control"];
         setenv("BMSG_PASSWORD", row.args[0] == "--askpass" ? "wrong" : pw.c_str(), 1);

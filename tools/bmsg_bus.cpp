@@ -178,14 +178,18 @@ std::string why_not(const bMSG::Messager& bus, const redisReply* reply, const st
 std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
 {
     const std::string where = o.socket.empty() ? o.host + ":" + std::to_string(o.port) : o.socket;
+    const char* env = getenv("BMSG_PASSWORD");
+    if (o.user.empty() && (env || o.askpass)) {  // whose password would it be?
+        fail("a password (BMSG_PASSWORD or --askpass) needs --user NAME (--user default for the default user)");
+        return nullptr;
+    }
     const std::string why = probe(o);
     if (!why.empty()) {
         fail("no server at " + where + ": " + why);
         return nullptr;
     }
-    const char* env = getenv("BMSG_PASSWORD");
     std::string password = o.askpass ? ask_password() : env ? env : "";
-    const bool login = o.askpass || env || !o.user.empty();
+    const bool login = !o.user.empty();
     // One attempt: the probe has just seen the server. The library reports
     // a refused login itself (on stdout, with the server's reason). The
     // Messager keeps its own copy of the password; this one is cleared.

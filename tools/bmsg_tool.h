@@ -18,7 +18,8 @@ namespace bmsg_tool {
 
 // Where the server is: the socket path when given, else host and port; whom
 // to log in as (the password comes from BMSG_PASSWORD or, with askpass, from
-// the terminal or standard input, never from the command line).
+// the terminal or standard input, never from the command line; a password
+// without a user is refused, "default" names the default user).
 struct Options {
     std::string socket;
     std::string host = "127.0.0.1";
