@@ -180,4 +180,10 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     bmsg_test::Child gone = recorder(server, {"-o", server.dir() + "/gone.db"});
     bmsg_test::redis_raw(server, "CLIENT KILL TYPE normal");
     EXPECT_TRUE(gone.wait() == 1 && access((server.dir() + "/gone.db").c_str(), F_OK) != 0) << gone.err();
+    // One that falls behind by more than the server's limit is closed by the server: exit 1, naming the limit.
+    bmsg_test::redis_raw(server, "CONFIG SET client-output-buffer-limit %s", "normal 1mb 0 0");
+    bmsg_test::Child slow = recorder(server, {"-o", server.dir() + "/slow.db"});
+    slow.kill(SIGSTOP);
+    for (int i = 0; i < 40; ++i) bmsg_test::redis_raw(server, "SET big %s", std::string(100000, 'x').c_str());
+    EXPECT_TRUE((slow.kill(SIGCONT), slow.wait()) == 1 && slow.err().find("client-output-buffer-limit") != std::string::npos) << slow.err();
 }

@@ -84,6 +84,8 @@ int info(const Options&)
            local_time(started).c_str(), total,
            meta["samples"] == "1" ? "pixels recorded" : "pixels not recorded",
            ended ? "closed" : "cut short (the recorder did not close it)");
+    if (const long long lost = atoll(meta["lost"].c_str()); lost > 0)
+        printf("  %lld events lost: the recorder's writer fell behind (not in the file)\n", lost);
     printf("  %-8s %-32s %8s %10s\n", "kind", "list, channel or key", "count", "rate");
     for (const auto& row : rows)
         printf("  %-8s %-32s %8lld %8.2f/s\n", row.first.first.c_str(), row.first.second.c_str(),

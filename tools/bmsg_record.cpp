@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -31,6 +32,16 @@ using Clock = std::chrono::steady_clock;
 
 // Larger descriptors are refused rather than mapped: 1 GiB of pixels.
 constexpr unsigned long pixels_max = 1ul << 30;
+
+// What may wait for the file's writer (docs/recording.md): events that
+// arrive beyond it are dropped and counted as lost in the file's meta.
+constexpr size_t queue_max = 256ul << 20;
+
+// An event's share of the queue: its bytes and some for its record.
+size_t queued_size(const recording::Event& e)
+{
+    return e.payload.size() + e.name.size() + e.sample.pixels.size() + 128;
+}
 
 int hex(char c)
 {
@@ -117,6 +128,8 @@ struct Recorder {
     std::mutex lock;
     std::condition_variable ready;
     std::vector<recording::Event> pending;
+    size_t queued = 0;      // queued_size() of the events taken and not yet written
+    long long dropped = 0;  // events lost to the queue's limit
     bool done = false;
     std::string lost;  // why the stream ended, when not asked to
 
@@ -148,6 +161,9 @@ struct Recorder {
                 e.sample.missed = "no segment with room for the image";
                 return;
             }
+            // Allocated first: the sender waits for the segment's lock
+            // while it is held, so it is held for one copy only.
+            e.sample.pixels.reserve(size);
             segment.read(BImage::Image::header_size + size, 0, [&](const unsigned char* p) {
                 if (memcmp(p, descriptor, BImage::Image::header_size) != 0)
                     e.sample.missed = "the segment already held another image";
@@ -156,6 +172,9 @@ struct Recorder {
             });
         } catch (const std::runtime_error& error) {
             e.sample.missed = error.what();
+        } catch (const std::bad_alloc&) {
+            e.sample.pixels = std::string();
+            e.sample.missed = "no memory for the pixels";
         }
     }
 
@@ -226,8 +245,15 @@ struct Recorder {
                 why = std::string(reply->str, reply->len);
             if (!events.empty()) {
                 std::lock_guard<std::mutex> hold(lock);
-                for (auto& e : events)
+                for (auto& e : events) {
+                    const size_t size = queued_size(e);
+                    if (queued + size > queue_max) {
+                        ++dropped;
+                        continue;
+                    }
+                    queued += size;
                     pending.push_back(std::move(e));
+                }
                 events.clear();
             }
         }
@@ -312,19 +338,32 @@ int record(const Options& o)
     long long missed = 0, total = 0;
     std::string failed;
     std::string line;
+    long long lost = 0;
     for (bool finished = false; !finished;) {
         std::vector<recording::Event> batch;
+        long long dropped;
         {
             std::unique_lock<std::mutex> hold(r.lock);
             r.ready.wait_for(hold, std::chrono::milliseconds(100), [&] { return r.done; });
             batch.swap(r.pending);
             finished = r.done;
+            dropped = r.dropped;
         }
         if (failed.empty() && !batch.empty()) {
             if (file->write(batch, failed))
                 kept += static_cast<long long>(batch.size());
             else
                 stop_requested = true;  // the reader ends; nothing more can be kept
+        }
+        if (failed.empty() && dropped != lost && !file->set_meta("lost", std::to_string(dropped), failed))
+            stop_requested = true;
+        lost = dropped;
+        size_t written = 0;
+        for (const auto& e : batch)
+            written += queued_size(e);
+        {
+            std::lock_guard<std::mutex> hold(r.lock);
+            r.queued -= written;
         }
         for (const auto& e : batch) {
             ++counts[e.kind];
@@ -342,6 +381,8 @@ int record(const Options& o)
                 line += " (missed " + std::to_string(missed) + ")";
         }
         line += tail;
+        if (lost > 0)
+            line += "  lost " + std::to_string(lost);
         if (terminal) {
             printf("\r%s\x1b[K", line.c_str());
             fflush(stdout);
@@ -353,7 +394,14 @@ int record(const Options& o)
         return failed_with(output + ": " + failed);
     if (!file->set_meta("ended_us", std::to_string(wall_us()), error))
         return failed_with(output + ": " + error);
-    return r.lost.empty() ? 0 : failed_with("lost the server: " + r.lost);
+    if (lost > 0)
+        fprintf(stderr, "bmsg: %lld events lost: the file's writer fell behind\n", lost);
+    // The server closes a watcher that falls behind as it closes any client
+    // of its class: the limit is the device's to set (docs/recording.md).
+    return r.lost.empty() ? 0
+                          : failed_with("lost the server: " + r.lost +
+                                        " (it ended, or the recorder fell behind by more than the "
+                                        "server's client-output-buffer-limit for normal clients)");
 }
 
 } // namespace
