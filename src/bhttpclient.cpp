@@ -322,19 +322,14 @@ bool ended_after_handshake(const Transfer& t)
     return handshake_us > 0 && t.header_bytes == 0;
 }
 
-bool is_tls_error(CURLcode rc)
+// A certificate that failed verification, or one of ours that could not be
+// used, fails the same way on a new connection.
+bool is_certificate_error(CURLcode rc)
 {
     switch (rc) {
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
     case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
     case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_USE_SSL_FAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
     case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_SHUTDOWN_FAILED:
     case CURLE_SSL_CRL_BADFILE:
     case CURLE_SSL_ISSUER_ERROR:
     case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
@@ -343,6 +338,22 @@ bool is_tls_error(CURLcode rc)
         return true;
     default:
         return false;
+    }
+}
+
+bool is_tls_error(CURLcode rc)
+{
+    switch (rc) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_CIPHER:
+    case CURLE_USE_SSL_FAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+        return true;
+    default:
+        return is_certificate_error(rc);
     }
 }
 
@@ -413,25 +424,6 @@ std::unique_ptr<Transfer> perform(CURLU* url, const Request& r, curl_slist* head
     if (t->result != CURLE_OK)
         t->failure = failure_of(*t, url, tls);
     return t;
-}
-
-// A certificate that failed verification, or one of ours that could not be
-// used, fails the same way on a new connection.
-bool is_certificate_error(CURLcode rc)
-{
-    switch (rc) {
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_SSL_CLIENTCERT:
-        return true;
-    default:
-        return false;
-    }
 }
 
 // A transport failure before any response header is worth another try.
