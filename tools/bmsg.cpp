@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -175,6 +176,7 @@ int main(int argc, char** argv)
         ->type_name("NAME");
     app.add_flag("--askpass", options.askpass,
                  "Read the password from the terminal (not echoed) or one line of stdin");
+    app.set_version_flag("--version", "bmsg " BMSG_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
 
@@ -190,9 +192,15 @@ int main(int argc, char** argv)
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
     } catch (const CLI::ParseError& e) {
         app.exit(e);
         return 2;
     }
+    // The library takes an address that does not start with '/' for a host
+    // name: a relative socket path is made absolute here.
+    if (!options.socket.empty() && options.socket[0] != '/')
+        options.socket = std::filesystem::absolute(options.socket).string();
     return action(options);
 }

@@ -193,13 +193,16 @@ std::unique_ptr<bMSG::Messager> open_bus(const Options& o)
     // One attempt: the probe has just seen the server. The library reports
     // a refused login itself (on stdout, with the server's reason). The
     // Messager keeps its own copy of the password; this one is cleared.
+    // A socket has no port: 0 keeps the reports from naming one.
     std::unique_ptr<bMSG::Messager> bus(new bMSG::Messager(
-        o.socket.empty() ? o.host.c_str() : o.socket.c_str(), o.port, 1,
+        o.socket.empty() ? o.host.c_str() : o.socket.c_str(), o.socket.empty() ? o.port : 0, 1,
         o.user.empty() ? nullptr : o.user.c_str(), login ? password.c_str() : nullptr));
+    const bool none_given = password.empty();
     explicit_bzero(&password[0], password.size());
     if (!bus->redis_context()) {
         fail(bus->last_error().empty() ? "cannot connect to " + where
-                                       : "login refused: " + bus->last_error());
+             : none_given ? "login refused (no password given: BMSG_PASSWORD or --askpass): " + bus->last_error()
+                          : "login refused: " + bus->last_error());
         return nullptr;
     }
     bus->set_error_replies(true);
