@@ -413,7 +413,7 @@ private:
     Login credentials;
 
     bool ensure_connected();
-    int verdict(const redisReply* r, int missing);
+    int verdict(const redisReply* r, int missing, bool always = false);
     redisReply* fetch(const char* key, int* rc);
 
 public:

@@ -136,6 +136,7 @@ private:
     mode_t mode;               // mode for an object create() makes, 0: 0666 less umask
     bool named() const;
     bool remap(uint64_t length);
+    void unmap();
     void attach();
     void replace_abandoned();
     void release();

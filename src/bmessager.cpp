@@ -123,13 +123,14 @@ bool Messager::ensure_connected()
 }
 
 // What every operation makes of its reply before reading it: `missing` when
-// there is none, -4 for an error reply when error replies are opted in (its
-// text kept for last_error()), else 0.
-int Messager::verdict(const redisReply* r, int missing)
+// there is none, -4 for an error reply when error replies are opted in, or
+// `always` for the commands whose refusal must never pass for an answer
+// (its text kept for last_error()), else 0.
+int Messager::verdict(const redisReply* r, int missing, bool always)
 {
     if (!r)
         return missing;
-    if (!error_replies || r->type != REDIS_REPLY_ERROR)
+    if (!(error_replies || always) || r->type != REDIS_REPLY_ERROR)
         return 0;
     refusal.assign(r->str, r->len);
     return -4;
@@ -355,13 +356,8 @@ int Messager::subscribe(const char* channel, MessageCallback callback)
         return -1;
     // A refused SUBSCRIBE leaves the connection out of subscriber mode: no
     // message would ever come, so it is -4 whatever set_error_replies says.
-    Reply confirmed = command(context, "SUBSCRIBE %s", channel);
-    if (!confirmed)
-        return -3;
-    if (confirmed->type == REDIS_REPLY_ERROR) {
-        refusal.assign(confirmed->str, confirmed->len);
-        return -4;
-    }
+    if (const int rc = verdict(command(context, "SUBSCRIBE %s", channel).get(), -3, true))
+        return rc;
     for (;;) {
         void* raw = nullptr;
         if (redisGetReply(context, &raw) != REDIS_OK)

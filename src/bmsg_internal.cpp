@@ -84,7 +84,49 @@ void prepare_connection(redisContext* c)
 }
 
 namespace {
-Reply send_and_read(redisContext* c, char* cmd, long long len, bool secret = false);
+
+// Sets the context's error as hiredis does: later commands on it fail.
+void set_error(redisContext* c, int type, const char* text)
+{
+    c->err = type;
+    snprintf(c->errstr, sizeof c->errstr, "%s", text);
+}
+
+// Sends one formatted command (freed here, and first overwritten when it is
+// `secret`: AUTH's holds the password) and reads its reply. Every write goes
+// through send(MSG_NOSIGNAL); hiredis's own output buffer stays empty, so
+// redisGetReply only reads.
+Reply send_and_read(redisContext* c, char* cmd, long long len, bool secret = false)
+{
+    const auto release = [&](char* p) {
+        if (secret && len > 0)
+            explicit_bzero(p, static_cast<size_t>(len));
+        redisFreeCommand(p);
+    };
+    const std::unique_ptr<char, decltype(release)> owned(cmd, release);
+    if (len == -1)
+        set_error(c, REDIS_ERR_OOM, "Out of memory");
+    else if (len < 0)
+        set_error(c, REDIS_ERR_OTHER, "Invalid format string");
+    if (len < 0 || c->err)
+        return nullptr;
+    for (long long done = 0; done < len;) {
+        const ssize_t n = send(c->fd, cmd + done, static_cast<size_t>(len - done), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            char text[128];
+            set_error(c, REDIS_ERR_IO, strerror_r(errno, text, sizeof text));
+            return nullptr;
+        }
+        done += n;
+    }
+    void* reply = nullptr;
+    if (redisGetReply(c, &reply) != REDIS_OK)
+        return nullptr;
+    return take_reply(reply);
+}
+
 } // namespace
 
 Opened open_connection(const std::string& address, uint16_t port, const Login& login,
@@ -119,52 +161,6 @@ Opened open_connection(const std::string& address, uint16_t port, const Login& l
     out.reset();
     return Opened::refused;
 }
-
-namespace {
-
-// Sets the context's error as hiredis does: later commands on it fail.
-void set_error(redisContext* c, int type, const char* text)
-{
-    c->err = type;
-    snprintf(c->errstr, sizeof c->errstr, "%s", text);
-}
-
-// Sends one formatted command (freed here, and first overwritten when it is
-// `secret`: AUTH's holds the password) and reads its reply. Every write goes
-// through send(MSG_NOSIGNAL); hiredis's own output buffer stays empty, so
-// redisGetReply only reads.
-Reply send_and_read(redisContext* c, char* cmd, long long len, bool secret)
-{
-    const auto release = [&](char* p) {
-        if (secret && len > 0)
-            explicit_bzero(p, static_cast<size_t>(len));
-        redisFreeCommand(p);
-    };
-    const std::unique_ptr<char, decltype(release)> owned(cmd, release);
-    if (len == -1)
-        set_error(c, REDIS_ERR_OOM, "Out of memory");
-    else if (len < 0)
-        set_error(c, REDIS_ERR_OTHER, "Invalid format string");
-    if (len < 0 || c->err)
-        return nullptr;
-    for (long long done = 0; done < len;) {
-        const ssize_t n = send(c->fd, cmd + done, static_cast<size_t>(len - done), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            char text[128];
-            set_error(c, REDIS_ERR_IO, strerror_r(errno, text, sizeof text));
-            return nullptr;
-        }
-        done += n;
-    }
-    void* reply = nullptr;
-    if (redisGetReply(c, &reply) != REDIS_OK)
-        return nullptr;
-    return take_reply(reply);
-}
-
-} // namespace
 
 Reply vcommand(redisContext* c, const char* format, va_list args)
 {

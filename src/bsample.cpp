@@ -241,13 +241,8 @@ int Messager::queued_samples(const std::string& key)
     if (!ensure_connected())
         return -1;
     Reply r = command(context, "LLEN %b", key.data(), key.size());
-    if (!r)
-        return -3;
-    if (r->type == REDIS_REPLY_ERROR) {
-        refusal.assign(r->str, r->len);
-        return -4;
-    }
-    return static_cast<int>(r->integer);
+    const int rc = verdict(r.get(), -3, true);
+    return rc ? rc : static_cast<int>(r->integer);
 }
 
 int Messager::bio_sample_loan(const char* modality, int width, int height,
@@ -287,13 +282,10 @@ int Messager::pop_sample(const std::vector<const char*>& modalities, int timeout
     argv.push_back(seconds.c_str());
     lengths.push_back(seconds.size());
     Reply r = command_argv(context, static_cast<int>(argv.size()), argv.data(), lengths.data());
-    if (!r)
-        return -3;
-    if (r->type == REDIS_REPLY_ERROR) {
-        refusal.assign(r->str, r->len);
-        if (why)
+    if (const int rc = verdict(r.get(), -3, true)) {
+        if (rc == -4 && why)
             *why = "pop refused: " + refusal;
-        return -4;
+        return rc;
     }
     if (r->type == REDIS_REPLY_NIL)
         return 0;
@@ -438,8 +430,7 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
         return nullptr;
     // With error replies on, a refusal is reported as one and is no reason
     // to drop the connection.
-    if (r->type == REDIS_REPLY_ERROR && error_replies) {
-        refusal.assign(r->str, r->len);
+    if (verdict(r.get(), 0) == -4) {
         BMSG_REPORT("bio_sample_read", "read refused: %s", refusal.c_str());
         return nullptr;
     }

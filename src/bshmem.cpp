@@ -157,10 +157,7 @@ SharedMemory::~SharedMemory()
 void SharedMemory::create()
 {
     if (owner && named()) {
-        if (addr)
-            munmap(addr, size);
-        addr = nullptr;
-        mutex = nullptr;
+        unmap();
     } else {
         release();
         owner = false;
@@ -247,8 +244,7 @@ bool SharedMemory::remap(uint64_t length)
     void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (p == MAP_FAILED)
         return false;
-    if (addr)
-        munmap(addr, size);
+    unmap();
     addr = p;
     mutex = static_cast<pthread_mutex_t*>(p);
     size = length;
@@ -261,10 +257,7 @@ bool SharedMemory::reserve(size_t capacity)
     struct stat st;
     if (fd == -1 || fstat(fd, &st) != 0 || st.st_nlink == 0 ||
         static_cast<uint64_t>(st.st_size) < size) {
-        if (addr)
-            munmap(addr, size);
-        addr = nullptr;
-        mutex = nullptr;
+        unmap();
         size = wanted;
         create();
         return true;
@@ -349,14 +342,19 @@ void SharedMemory::close()
         shm_unlink(name.c_str());
 }
 
-void SharedMemory::release()
+void SharedMemory::unmap()
 {
     if (addr)
         munmap(addr, size);
-    if (fd != -1)
-        ::close(fd);
     addr = nullptr;
     mutex = nullptr;
+}
+
+void SharedMemory::release()
+{
+    unmap();
+    if (fd != -1)
+        ::close(fd);
     fd = -1;
 }
 
