@@ -281,7 +281,9 @@ public:
     // When the segment holds another image it reports "shared memory holds
     // another image" and removes that descriptor (LREM key -1 <its bytes>):
     // its image is gone for good, and the next read looks at the next one.
-    // Never blocks. The image is new'd; the caller deletes it.
+    // With error replies on, a refused removal (a role that may only look)
+    // is reported, "descriptor kept, removal refused: <server's text>", and
+    // the text kept for last_error(). Never blocks. The image is new'd; the caller deletes it.
     BImage::Image* bio_sample_read(const char* modality);
 
     // bio_sample_read for each modality in order; the first image found is

@@ -455,10 +455,13 @@ BImage::Image* Messager::bio_sample_read(const char* modality)
     // longer holds, would be read again and again. A rejected one is removed
     // by its bytes, the oldest copy, so a descriptor another receiver took
     // meanwhile never costs the next one its place.
-    if (taken == Taken::missing)
-        command(context, "RPOP %s", key.c_str());
-    if (taken == Taken::other)
-        command(context, "LREM %s -1 %b", key.c_str(), descriptor->str, descriptor->len);
+    Reply removed = taken == Taken::missing ? command(context, "RPOP %s", key.c_str())
+                    : taken == Taken::other
+                        ? command(context, "LREM %s -1 %b", key.c_str(), descriptor->str, descriptor->len)
+                        : nullptr;
+    // A role that may only look (no RPOP, no LREM) leaves it there: say so.
+    if (verdict(removed.get(), 0) == -4)
+        BMSG_REPORT("bio_sample_read", "descriptor kept, removal refused: %s", refusal.c_str());
     return image;
 }
 

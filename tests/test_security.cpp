@@ -44,7 +44,9 @@ TEST(Roles, EachDoesTheDemosExchangeAndIsRefusedTheRest)
         {&field, field.bio_cmd_send("%s", "x")}, {&field, field.list_recv("BIO_CMD", s, 64, 0, nullptr, 0)},
         {&field, field.list_clear(list.c_str())}, {&field, field.set("mode", "x")},
         {&field, field.system_publish("%s", "x")}, {&recorder, recorder.get("mode", s, 64)}, {&capture, capture.subscribe("SYSTEM_STATUS", nullptr)},
-        {&capture, capture.bio_sample_read(m.c_str()) ? 0 : -4}};  // the connection is kept: it is used below
+        {&capture, capture.bio_sample_read(m.c_str()) ? 0 : -4},  // the connection is kept: it is used below
+        {&field, (capture.bio_sample_send(m.c_str(), &image), field.bio_sample_read(m.c_str())) ? 0 : -4}};  // may look, not drop
+    EXPECT_TRUE(field.last_error().find("lrem") != std::string::npos && field.list_size(list.c_str()) == 2) << field.last_error();
     for (const auto& [who, rc] : refused)
         EXPECT_TRUE(rc == -4 && who->last_error().rfind("NOPERM", 0) == 0) << rc << who->last_error();
     for (Messager* who : {&control, &capture, &consumer, &field, &recorder})
