@@ -22,17 +22,6 @@ namespace {
 
 constexpr int probe_timeout_ms = 3000;
 
-// A file descriptor closed on every exit path.
-struct Fd {
-    int fd;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
 // Connects a non-blocking socket to `address` within the probe time-out;
 // an empty string on success, else why not.
 std::string try_connect(int family, const sockaddr* address, socklen_t length)
@@ -173,6 +162,12 @@ std::string why_not(const bMSG::Messager& bus, const redisReply* reply, const st
         return "";
     const redisContext* c = bus.redis_context();
     return what + ": lost the server (" + (c && c->err ? c->errstr : "no reply") + ")";
+}
+
+Fd::~Fd()
+{
+    if (fd >= 0)
+        close(fd);
 }
 
 std::unique_ptr<bMSG::Messager> open_bus(const Options& o)

@@ -201,8 +201,6 @@ public:
             fd_ = -1;
         return f;
     }
-    // A path that opens this very file (libpng writes to a path).
-    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
     bool commit(std::string& error)
     {
         if (renameat(dir_, temp_.c_str(), dir_, name_.c_str()) != 0) {
@@ -219,14 +217,17 @@ private:
     std::string name_, temp_;
 };
 
-struct Fd {
-    int fd;
-    ~Fd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
+// A PNG put in place as NewFile does.
+bool export_png(int dir, const std::string& name, const picture::Picture& pic, std::string& error)
+{
+    NewFile f(dir, name);
+    if (f.open(error) < 0)
+        return false;
+    std::unique_ptr<FILE, int (*)(FILE*)> out(f.stream(), fclose);
+    if (!out)
+        error = strerror(errno);
+    return out && picture::write_png(out.get(), pic, error) && f.commit(error);
+}
 
 int export_recording(const Options&)
 {
@@ -237,10 +238,10 @@ int export_recording(const Options&)
     // The images are biometric: only this user may read what is written,
     // and nothing found in the directories is written through.
     umask(077);
-    const Fd top{private_directory(AT_FDCWD, directory, error)};
+    const Fd top(private_directory(AT_FDCWD, directory, error));
     if (top.fd < 0)
         return fail(directory + ": " + error);
-    const Fd samples{private_directory(top.fd, "samples", error)};
+    const Fd samples(private_directory(top.fd, "samples", error));
     if (samples.fd < 0)
         return fail(directory + "/samples: " + error);
     const std::string events_path = directory + "/events.jsonl";
@@ -276,8 +277,7 @@ int export_recording(const Options&)
                 picture::Picture pic;
                 if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
                     line += ",\"missed\":\"no picture of this format or size\"";
-                } else if (NewFile f(samples.fd, png.substr(png.find('/') + 1));
-                           f.open(failed) < 0 || !picture::write_png(f.path(), pic, failed) || !f.commit(failed)) {
+                } else if (!export_png(samples.fd, png.substr(png.find('/') + 1), pic, failed)) {
                     failed = directory + "/" + png + ": " + failed;
                     return false;
                 } else {

@@ -44,6 +44,15 @@ using Reply = std::unique_ptr<redisReply, ReplyFree>;
 
 std::unique_ptr<bMSG::Messager> open_bus(const Options& options);
 
+// A file descriptor closed on every exit path.
+struct Fd {
+    int fd;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd();
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+};
+
 // Prints "bmsg: <message>" on stderr; returns 1, the exit status of a failed
 // bus operation.
 int fail(const std::string& message);

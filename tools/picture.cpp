@@ -132,17 +132,35 @@ bool read_file(const std::string& path, Picture& out, std::string& error)
     return read_pnm(path, out, error);
 }
 
-bool write_png(const std::string& path, const Picture& picture, std::string& error)
+bool write_png(FILE* out, const Picture& picture, std::string& error)
 {
     PngImage png;
     png.image.width = static_cast<png_uint_32>(picture.width);
     png.image.height = static_cast<png_uint_32>(picture.height);
     png.image.format = picture.channels == 3 ? PNG_FORMAT_RGB : PNG_FORMAT_GRAY;
-    if (!png_image_write_to_file(&png.image, path.c_str(), 0, picture.pixels.data(), 0, nullptr)) {
+    if (!png_image_write_to_stdio(&png.image, out, 0, picture.pixels.data(), 0, nullptr)) {
         error = png.image.message;
         return false;
     }
+    if (fflush(out) != 0) {
+        error = strerror(errno);
+        return false;
+    }
     return true;
+}
+
+bool write_png(const std::string& path, const Picture& picture, std::string& error)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> out(fopen(path.c_str(), "wb"), fclose);
+    if (!out) {
+        error = strerror(errno);
+        return false;
+    }
+    if (write_png(out.get(), picture, error))
+        return true;
+    out.reset();
+    remove(path.c_str());
+    return false;
 }
 
 std::unique_ptr<BImage::Image> to_image(const Picture& picture)

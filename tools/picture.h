@@ -5,6 +5,7 @@
 
 #include "bimage.h"
 
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,8 +26,10 @@ struct Picture {
 // reason on failure.
 bool read_file(const std::string& path, Picture& out, std::string& error);
 
-// Writes a grey or RGB picture as PNG. False with `error` set on failure.
+// Writes a grey or RGB picture as PNG, to a new file at `path` (removed
+// again on failure) or to an open stream. False with `error` set on failure.
 bool write_png(const std::string& path, const Picture& picture, std::string& error);
+bool write_png(FILE* out, const Picture& picture, std::string& error);
 
 // A new image record holding a copy of the pixels: GRAY8 for grey, RGB24 for
 // RGB. Null when the record could not allocate them.
