@@ -2,7 +2,7 @@
 # CMake package (find_package(bmsg) -> bmsg::bmsg, bmsg::bimage) and the
 # Debian packages made by cpack. Each install rule belongs to one component,
 # and each component is one package, split as Debian splits a library:
-#   libs  libbmsg1     the shared libraries
+#   libs  libbmsg<N>   the shared libraries (N: libbmsg's soname version)
 #   dev   libbmsg-dev  headers, unversioned links, bmsg.pc, CMake package
 #   lua   lua-bmsg     the Lua module link
 #   tools bmsg-tools   the bmsg tool, its manual page, the access list
@@ -83,7 +83,10 @@ add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/changelog.Debian.gz
   DEPENDS ${CMAKE_CURRENT_LIST_DIR}/debian/changelog VERBATIM)
 add_custom_target(bmsg_changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
 set(bmsg_components libs dev lua tools)
-set(bmsg_packages libbmsg1 libbmsg-dev lua-bmsg bmsg-tools)
+# The library package is named after the soname, as Debian's policy asks:
+# a new soname is a new package that can be installed beside the old one.
+set(bmsg_libs_package libbmsg${PROJECT_VERSION_MAJOR})
+set(bmsg_packages ${bmsg_libs_package} libbmsg-dev lua-bmsg bmsg-tools)
 foreach(component package IN ZIP_LISTS bmsg_components bmsg_packages)
   install(FILES ${PROJECT_BINARY_DIR}/copyright ${PROJECT_BINARY_DIR}/changelog.Debian.gz
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
@@ -92,7 +95,7 @@ foreach(component package IN ZIP_LISTS bmsg_components bmsg_packages)
 endforeach()
 
 # cpack -G DEB in the build directory makes the four Debian packages; the
-# others depend on exactly this version of libbmsg1.
+# others depend on exactly this version of the library package.
 set(CPACK_PACKAGE_NAME libbmsg)
 set(CPACK_PACKAGE_CONTACT "libbmsg maintainers <maintainers@libbmsg.org>")
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -136,7 +139,7 @@ lists, publish/subscribe, a live view and biometric samples.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The tool's own libraries are found in the build (libbmsg1 is an explicit
+# The tool's own libraries are found in the build (the library package is an explicit
 # dependency); dpkg-shlibdeps reads the others' from the system.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)

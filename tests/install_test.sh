@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# install_test.sh BUILD SOURCE-DIR WORK-DIR: makes the four Debian packages of BUILD, unpacks
+# install_test.sh BUILD SOURCE-DIR WORK-DIR: makes the Debian packages of BUILD, unpacks
 # them into a scratch root, builds tests/install_consumer against it with find_package and
 # with pkg-config and runs both on a private redis; runs the tool and the Lua module from it.
 set -euo pipefail
@@ -9,9 +9,7 @@ trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true' EXIT
 redis-server --port 0 --unixsocket "$work/redis.sock" --save "" --dir "$work" --daemonize no >/dev/null &
 server=$!
 (cd "$build" && cpack -G DEB -B "$work/debs" >/dev/null)
-for package in libbmsg1 libbmsg-dev lua-bmsg bmsg-tools; do
-  dpkg -x "$work/debs/${package}_"*.deb "$work/root"
-done
+for deb in "$work"/debs/*.deb; do dpkg -x "$deb" "$work/root"; done
 libdir=$(dirname "$(find "$work/root/usr/lib" -name libbmsg.so | head -1)")
 export LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 for mode in OFF ON; do
