@@ -94,6 +94,13 @@ foreach(component package IN ZIP_LISTS bmsg_components bmsg_packages)
   set(CPACK_DEBIAN_${name}_PACKAGE_NAME ${package})
 endforeach()
 
+# The documents, each with the package of the people who need it: peers and
+# library users read the protocol, the tool's users the recorder's page.
+install(FILES ${PROJECT_SOURCE_DIR}/docs/protocol.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libbmsg-dev
+        COMPONENT dev)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/recording.md ${PROJECT_SOURCE_DIR}/docs/security.md
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/bmsg-tools COMPONENT tools)
+
 # cpack -G DEB in the build directory makes the four Debian packages; the
 # others depend on exactly this version of the library package.
 set(CPACK_PACKAGE_NAME libbmsg)
