@@ -1,5 +1,5 @@
-// The helpers of bmsg_internal.h: sleeping, the error report, command
-// templates and running a command with SIGPIPE kept away from the caller.
+// The helpers of bmsg_internal.h: sleeping, command templates and running
+// a command with SIGPIPE kept away from the caller.
 #include "bmsg_internal.h"
 
 #include "bmessager.h"
@@ -22,21 +22,6 @@ void sleep_ms(int milliseconds)
     timespec ts{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
     while (nanosleep(&ts, &ts) == -1 && errno == EINTR) {
     }
-}
-
-void report(const char* func, int line, const char* format, ...)
-{
-    fprintf(stderr, "bMSG ERROR %s[%d]:", func, line);
-    // Reports come from several threads (subscriptions, senders): the message and its
-    // line break are one unit on stdout, so two reports never share a line.
-    flockfile(stdout);
-    va_list ap;
-    va_start(ap, format);
-    vprintf(format, ap);
-    va_end(ap);
-    putchar('\n');
-    funlockfile(stdout);
-    fflush(stderr);
 }
 
 bool build_template(char (&out)[template_size], const char* verb, const char* name,

@@ -17,7 +17,8 @@ void sleep_ms(int milliseconds);
 
 // The library's one diagnostic form: "bMSG ERROR <func>[<line>]:" on stderr,
 // then the message and a line break on stdout, then stderr is flushed.
-// The two streams are kept apart on purpose; stdout is not flushed.
+// The two streams are kept apart on purpose; stdout is not flushed. With a
+// handler set (breport.h) the handler gets the report instead.
 void report(const char* func, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 

@@ -11,7 +11,9 @@
 // - subscribe returns once the server has confirmed the subscription, so
 //   whatever is published after it is delivered; otherwise nil and why.
 // - unsubscribe returns at once, without waiting for another message.
+// Added: bmsg.report_to chooses where the library's reports go.
 #include "bmessager.h"
+#include "breport.h"
 #include "bsubscription.h"
 
 #include "bmsg_internal.h"
@@ -510,6 +512,26 @@ int messager_gc(lua_State* L)
     return 0;
 }
 
+// bmsg.report_to(route): where the process's reports go from now on:
+// "journal" (one line on stderr, with its level when stderr is the journal),
+// "syslog", or "default" (the library's two-stream form). Process-wide, as
+// the library's handler is; a Lua function cannot be one, since reports
+// also come from the subscriptions' threads. true, or nil and why.
+int report_to(lua_State* L)
+{
+    static const char* const routes[] = {"default", "journal", "syslog", nullptr};
+    static const bMSG::ReportHandler handlers[] = {nullptr, bMSG::report_to_journal,
+                                                   bMSG::report_to_syslog};
+    const char* route = luaL_checkstring(L, 1);
+    for (int i = 0; routes[i]; ++i)
+        if (strcmp(route, routes[i]) == 0) {
+            bMSG::set_report_handler(handlers[i]);
+            lua_pushboolean(L, 1);
+            return 1;
+        }
+    return fail(L, "unknown route: use \"default\", \"journal\" or \"syslog\"");
+}
+
 const luaL_Reg messager_meta[] = {
     {"__gc", messager_gc},
     {nullptr, nullptr},
@@ -539,8 +561,8 @@ const luaL_Reg messager_methods[] = {
 
 } // namespace
 
-// Module entry for require "bmsg": returns { messager = { new = ... } } and
-// registers the metatable "bmsg.messager".
+// Module entry for require "bmsg": returns { messager = { new = ... },
+// report_to = ... } and registers the metatable "bmsg.messager".
 extern "C" BMSG_API int luaopen_bmsg(lua_State* L)
 {
     luaL_newmetatable(L, messager_type);
@@ -554,5 +576,7 @@ extern "C" BMSG_API int luaopen_bmsg(lua_State* L)
     lua_pushcfunction(L, messager_new);
     lua_setfield(L, -2, "new");
     lua_setfield(L, -2, "messager");
+    lua_pushcfunction(L, report_to);
+    lua_setfield(L, -2, "report_to");
     return 1;
 }

@@ -1,5 +1,6 @@
 // Messager against a private redis-server, no server, a server killed by pid, a scripted peer.
 #include "bmessager.h"
+#include "breport.h"
 #include "bshmem.h"
 #include "child.h"
 #include "fake_redis.h"
@@ -7,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,6 +55,22 @@ TEST(Connect, EveryCallRetriesAndReportsEachFailure)
     const std::string line = "Connection refused: address\\[127.0.0.1\\] port\\[" + std::to_string(port) + "\\]\n";
     EXPECT_TRUE(std::regex_match(c.err, std::regex("(bMSG ERROR connect\\[[0-9]+\\]:){" + reports + "}"))) << c.err;
     EXPECT_TRUE(std::regex_match(c.out, std::regex("(" + line + "){" + reports + "}"))) << c.out;
+    // Through the journal's handler: one line each on stderr, with the level when stderr is the
+    // journal's stream (not when the journal has another one).
+    for (const std::string level : {"", "<3>"}) {
+        Captured h = run_captured([&] {
+            struct stat st;
+            fstat(2, &st);
+            setenv("JOURNAL_STREAM", (std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + level.empty())).c_str(), 1);
+            bMSG::set_report_handler(bMSG::report_to_journal);
+            std::thread t([&] { M m("127.0.0.1", port, 2); });
+            M m("127.0.0.1", port, 2);
+            t.join();
+            bMSG::set_report_handler({});
+            return unsetenv("JOURNAL_STREAM");
+        });
+        EXPECT_TRUE(h.out.empty() && std::regex_match(h.err, std::regex("(" + level + "bMSG ERROR connect\\[[0-9]+\\]: " + line + "){4}"))) << h.out << h.err;
+    }
 }
 
 TEST(Connect, DefaultAddressEveryValueTypeEachReaderItsOwnReplyTypeAndWaitingForEver)

@@ -55,7 +55,7 @@ TEST(Tool, CommandsInOrder)
         EXPECT_EQ(r.out, row.out) << testing::PrintToString(row.args);
         EXPECT_TRUE(row.status != 1 || std::count(r.err.begin(), r.err.end(), '\n') == 1) << r.err;
     }
-    EXPECT_TRUE(tool({"-s", std::filesystem::relative(server.socket()).string(), "ping"}).out == "PONG\n" && tool({"--version"}).out.rfind("bmsg 1.", 0) == 0);
+    EXPECT_TRUE(tool({"-s", std::filesystem::relative(server.socket()).string(), "ping"}).out == "PONG\n" && tool({"--version"}).out.rfind("bmsg 2.", 0) == 0);
     // Every sample list, and only those.
     const Ran watch = tool({"watch", "-n", "1"}, server.socket());
     EXPECT_NE(watch.out.find("MAIN_BIOMETRIC_INFO"), std::string::npos) << watch.out;

@@ -1,6 +1,8 @@
 // bmsg: look at and talk to the device's message bus from a shell.
 #include "bmsg_tool.h"
 
+#include "breport.h"
+
 #include <hiredis/hiredis.h>
 #include <signal.h>
 
@@ -157,6 +159,8 @@ int main(int argc, char** argv)
     // Some commands go out with plain redisCommand, whose write to a server
     // that has gone would raise SIGPIPE: an I/O error is reported instead.
     signal(SIGPIPE, SIG_IGN);
+    // Every diagnostic on stderr, the library's reports too, one line each.
+    bMSG::set_report_handler(bMSG::report_to_journal);
     CLI::App app("Look at and talk to the device's message bus (a Redis server).\n"
                  "Exit status: 0 done, 1 the bus operation failed, 2 bad usage.\n"
                  "-t SECONDS of the subcommands that wait: up to SECONDS, 0 for ever; without\n"

@@ -1,5 +1,7 @@
 #include "bmsg_tool.h"
 
+#include "breport.h"
+
 #include <netdb.h>
 #include <poll.h>
 #include <signal.h>
@@ -118,7 +120,7 @@ std::string ask_password()
 
 int fail(const std::string& message)
 {
-    fprintf(stderr, "bmsg: %s\n", message.c_str());
+    bMSG::write_error_line("bmsg: " + message);
     return 1;
 }
 

@@ -5,6 +5,7 @@
 #include "bmsg_record.h"
 #include "bimage.h"
 #include "bshmem.h"
+#include "breport.h"
 #include "recording.h"
 
 #include <fnmatch.h>
@@ -395,7 +396,7 @@ int record(const Options& o)
     if (!file->set_meta("ended_us", std::to_string(wall_us()), error))
         return failed_with(output + ": " + error);
     if (lost > 0)
-        fprintf(stderr, "bmsg: %lld events lost: the file's writer fell behind\n", lost);
+        bMSG::write_error_line("bmsg: " + std::to_string(lost) + " events lost: the file's writer fell behind");
     // The server closes a watcher that falls behind as it closes any client
     // of its class: the limit is the device's to set (docs/recording.md).
     return r.lost.empty() ? 0

@@ -53,7 +53,8 @@ struct Fd {
     Fd& operator=(const Fd&) = delete;
 };
 
-// Prints "bmsg: <message>" on stderr; returns 1, the exit status of a failed
+// Prints "bmsg: <message>" on stderr (with its level when that is the
+// journal: bMSG::write_error_line); returns 1, the exit status of a failed
 // bus operation.
 int fail(const std::string& message);
 

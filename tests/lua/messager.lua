@@ -2,6 +2,9 @@
 local t = require "testlib"
 local bmsg = require "bmsg"
 local m = bmsg.messager.new("", t.port, 1)
+for _, c in ipairs({ { "journal", { true } }, { "nowhere", { n = 2, nil, t.like("%S") } }, { "default", { true } } }) do
+  t.same("report_to " .. c[1], c[2], bmsg.report_to(c[1]))
+end
 
 -- set: whole numbers (also as text) as int, saturated; other numbers as float.
 for _, c in ipairs({ { 3, "3" }, { -7, "-7" }, { 3.25, "3.250000" }, { "0x10", "16" }, { "2.5", "2.500000" },
