@@ -6,6 +6,7 @@
 #   dev   libbmsg-dev  headers, unversioned links, bmsg.pc, CMake package
 #   lua   lua-bmsg     the Lua module link
 #   tools bmsg-tools   the bmsg tool, its manual page, the access list
+#   device bmsg-device the device's bus and users (device.cmake)
 include(CMakePackageConfigHelpers)
 include(${CMAKE_CURRENT_LIST_DIR}/lua_module_dir.cmake)
 
@@ -82,11 +83,11 @@ add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/changelog.Debian.gz
   COMMAND gzip -9nc ${CMAKE_CURRENT_LIST_DIR}/debian/changelog > ${PROJECT_BINARY_DIR}/changelog.Debian.gz
   DEPENDS ${CMAKE_CURRENT_LIST_DIR}/debian/changelog VERBATIM)
 add_custom_target(bmsg_changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
-set(bmsg_components libs dev lua tools)
+set(bmsg_components libs dev lua tools device)
 # The library package is named after the soname, as Debian's policy asks:
 # a new soname is a new package that can be installed beside the old one.
 set(bmsg_libs_package libbmsg${PROJECT_VERSION_MAJOR})
-set(bmsg_packages ${bmsg_libs_package} libbmsg-dev lua-bmsg bmsg-tools)
+set(bmsg_packages ${bmsg_libs_package} libbmsg-dev lua-bmsg bmsg-tools bmsg-device)
 foreach(component package IN ZIP_LISTS bmsg_components bmsg_packages)
   install(FILES ${PROJECT_BINARY_DIR}/copyright ${PROJECT_BINARY_DIR}/changelog.Debian.gz
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
@@ -101,8 +102,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/docs/protocol.md DESTINATION ${CMAKE_INSTALL
 install(FILES ${PROJECT_SOURCE_DIR}/docs/recording.md ${PROJECT_SOURCE_DIR}/docs/security.md
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/bmsg-tools COMPONENT tools)
 
-# cpack -G DEB in the build directory makes the four Debian packages; the
-# others depend on exactly this version of the library package.
+# cpack -G DEB in the build directory makes the five Debian packages; the
+# others depend on exactly this version of the library package (the device
+# kit on the tools').
 set(CPACK_PACKAGE_NAME libbmsg)
 set(CPACK_PACKAGE_CONTACT "libbmsg maintainers <maintainers@libbmsg.org>")
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -154,4 +156,5 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # ldconfig through a trigger, as Debian's policy asks of shared libraries.
 set(CPACK_DEBIAN_LIBS_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+include(${CMAKE_CURRENT_LIST_DIR}/device.cmake)
 include(CPack)
