@@ -154,3 +154,29 @@ TEST(Tool, PicturesOfEveryFormatAndFromPgmOrPpm)
     }
     unlink(file.c_str());
 }
+
+// bmsg(1) is written from the parser: each command --help lists has its part of the page, naming each option it lists.
+TEST(Tool, ManualPageHasEveryCommandAndOption)
+{
+    std::string page = tool({"--man-page"}).out;
+    page.erase(std::remove(page.begin(), page.end(), '\\'), page.end());  // \- as -
+    const auto part = [&](const std::string& heading) {  // to the next heading
+        const size_t at = page.find(heading);
+        return at == std::string::npos ? std::string() : page.substr(at, page.find("\n.S", at + 1) - at);
+    };
+    EXPECT_TRUE(part("\n.SH ENVIRONMENT\n").find("BMSG_PASSWORD") != std::string::npos && !part("\n.SH EXIT STATUS\n").empty()) << page;
+    const std::regex word("[a-z]+"), command("\n  ([a-z]+) "), option("[ ,](--?[a-z][a-z-]*)");
+    std::vector<std::string> commands{""};
+    int options = 0;
+    for (size_t i = 0; i < commands.size(); ++i) {
+        std::vector<std::string> args(std::sregex_token_iterator(commands[i].begin(), commands[i].end(), word), {});
+        args.push_back("--help");
+        const std::string help = tool(args).out, subs = help.substr(std::min(help.find("\nSubcommands:"), help.size()));
+        const std::string own = part(commands[i].empty() ? "\n.SH OPTIONS\n" : "\n.SS " + commands[i] + "\n");
+        for (std::sregex_iterator o(help.begin() + help.find("\nOptions:"), help.end() - subs.size(), option), end; o != end; ++o, ++options)
+            EXPECT_TRUE((*o)[1] == "-h" || (*o)[1] == "--help" || own.find("fB" + (*o)[1].str() + "fR") != std::string::npos) << commands[i] << (*o)[1];
+        for (std::sregex_iterator c(subs.begin(), subs.end(), command), end; c != end; ++c)
+            commands.push_back(commands[i] + (commands[i].empty() ? "" : " ") + (*c)[1].str());
+    }
+    EXPECT_TRUE(std::count(commands.begin(), commands.end(), "sample send") == 1 && options > 30) << options;
+}

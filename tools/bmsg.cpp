@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <vector>
 
@@ -181,6 +182,11 @@ int main(int argc, char** argv)
     app.add_flag("--askpass", options.askpass,
                  "Read the password from the terminal (not echoed) or one line of stdin");
     app.set_version_flag("--version", "bmsg " BMSG_VERSION);
+    // For the build, which installs its output as bmsg(1); not in --help.
+    app.add_flag_callback("--man-page", [&app] {
+           bmsg_tool::write_man_page(app, std::cout);
+           throw CLI::Success();
+       })->group("");
     app.require_subcommand(1);
     app.fallthrough();
 
@@ -198,6 +204,8 @@ int main(int argc, char** argv)
         return app.exit(e);
     } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
+    } catch (const CLI::Success&) {
+        return 0;
     } catch (const CLI::ParseError& e) {
         app.exit(e);
         return 2;

@@ -425,9 +425,10 @@ std::string seconds_text(int64_t us)
 void add_record_commands(CLI::App& app, Action& action)
 {
     auto* rec = app.add_subcommand(
-        "record", "Record pushes (the named lists, the sample lists and lists matching a "
-                  "PATTERN), publishes and settings (all, or those matching a PATTERN) into a "
-                  "new SQLite FILE (mode 0600; docs/recording.md) until Ctrl-C or -d");
+        "record", std::string("Record pushes (the named lists, the sample lists and lists matching a "
+                              "PATTERN), publishes and settings (all, or those matching a PATTERN) "
+                              "into a new SQLite FILE (mode 0600; ") +
+                      doc_dir + "/recording.md) until Ctrl-C or -d");
     rec->add_option("-o,--output", output, "The recording to create")->required()->type_name("FILE");
     rec->add_option("-d,--duration", duration, "Stop after SECONDS (default 0: at Ctrl-C)")
         ->type_name("SECONDS")

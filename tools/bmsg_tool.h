@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 
 namespace bmsg_tool {
@@ -104,6 +105,13 @@ void add_watch_command(CLI::App& app, Action& action);
 void add_subscribe_command(CLI::App& app, Action& action);
 // record, play, info and export (bmsg_record.cpp and its neighbours).
 void add_record_commands(CLI::App& app, Action& action);
+
+// Where the bmsg-tools package puts recording.md and security.md.
+extern const char* const doc_dir;
+
+// bmsg(1) in roff: every command and option of `app` (those in an unnamed
+// group, hidden from --help, aside), the environment and the exit status.
+void write_man_page(const CLI::App& app, std::ostream& out);
 
 } // namespace bmsg_tool
 
