@@ -100,6 +100,7 @@ void write_man_page(const CLI::App& app, std::ostream& out)
 
     out << ".\\\" Written by bmsg --man-page from the tool's command line.\n"
         << ".TH BMSG 1 \"\" \"bmsg " BMSG_VERSION "\" \"User Commands\"\n"
+        << ".ad l\n.nh\n"  // no hyphens put into paths and option names
         << ".SH NAME\n" << app.get_name() << " \\- " << roff(what) << "\n"
         << ".SH SYNOPSIS\n" << synopsis(app, app.get_name()) << "[\\fIARGUMENTS\\fR]\n"
         << ".SH DESCRIPTION\n" << roff(app.get_description()) << "\n"
@@ -119,7 +120,7 @@ void write_man_page(const CLI::App& app, std::ostream& out)
         << ".TP\n.B 2\nBad usage: an unknown command or option, a missing or invalid argument.\n"
         << ".SH ENVIRONMENT\n"
         << ".TP\n.B BMSG_PASSWORD\n"
-        << "The password of the user named by \\fB\\-\\-user\\fR, read when \\fB\\-\\-askpass\\fR is "
+        << "The password of the user named by \\fB\\-\\-user\\fR (\\fB\\-\\-user default\\fR: the server's default user), read when \\fB\\-\\-askpass\\fR is "
            "not given. Set without \\fB\\-\\-user\\fR it is refused (exit status 1): whose it is "
            "cannot be told. Passwords are never taken from the command line, which every local "
            "user can read in /proc.\n"
