@@ -2,8 +2,8 @@
 // and option the parser knows is on the page.
 #include "bmsg_tool.h"
 
+#include <cctype>
 #include <ostream>
-#include <sstream>
 
 namespace bmsg_tool {
 
