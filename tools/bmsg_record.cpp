@@ -11,6 +11,7 @@
 #include <fnmatch.h>
 #include <hiredis/hiredis.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <ctime>
+#include <deque>
+#include <limits>
 #include <mutex>
 #include <new>
 #include <stdexcept>
@@ -37,6 +41,35 @@ constexpr unsigned long pixels_max = 1ul << 30;
 // What may wait for the file's writer (docs/recording.md): events that
 // arrive beyond it are dropped and counted as lost in the file's meta.
 constexpr size_t queue_max = 256ul << 20;
+
+// Black box (--ring): the ring and the queue share one bound, by default
+// twice the queue's: a minute of the window and what waits for the file.
+constexpr double ring_size_default = 512;  // MiB
+constexpr int64_t forever_us = std::numeric_limits<int64_t>::max() / 4;
+// A window ends on the recorder's clock this long after its last event's
+// time, for the events still on their way.
+constexpr int64_t window_grace_us = 500000;
+
+std::atomic<bool> trigger_requested{false};
+
+// What opens a window: a publish or a setting whose name and value match
+// the globs of CHANNEL=PATTERN or KEY=PATTERN.
+struct Trigger {
+    std::string kind;  // "publish" or "set"
+    std::string name, value;
+    std::string text;  // for the file's meta
+};
+
+// Where the queue to the file changes files (--ring): before the queue's
+// event `at`, a window opens, takes one more trigger, or closes.
+struct Cut {
+    enum Kind { open, note, close } kind;
+    size_t at;
+    std::string what;     // the trigger
+    std::string name;     // for the file's name
+    int64_t time_us;      // the trigger's, or the window's end
+    int64_t from_us = 0;  // the window's start
+};
 
 // An event's share of the queue: its bytes and some for its record.
 size_t queued_size(const recording::Event& e)
@@ -119,6 +152,12 @@ bool parse_line(std::string_view line, int64_t& time_us, std::vector<std::string
     return true;
 }
 
+int64_t wall_us()
+{
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
 struct Recorder {
     std::vector<std::string> patterns;
     std::vector<std::string> named;  // the named lists
@@ -133,6 +172,105 @@ struct Recorder {
     long long dropped = 0;  // events lost to the queue's limit
     bool done = false;
     std::string lost;  // why the stream ended, when not asked to
+
+    // Black box: the reader keeps the last ring_us in `ring` until a
+    // trigger, then queues the window for the file until window_end.
+    bool black_box = false;
+    size_t bound = queue_max;  // ring_bytes and queued together
+    int64_t ring_us = forever_us, after_us = 0;
+    std::vector<Trigger> triggers;
+    std::vector<Cut> cuts;  // under `lock`, as pending
+    std::deque<recording::Event> ring;  // the reader's own
+    size_t ring_bytes = 0;
+    int64_t window_end = 0;  // 0: watching
+
+    const Trigger* fired(const recording::Event& e) const
+    {
+        for (const Trigger& t : triggers)
+            if (t.kind == e.kind && fnmatch(t.name.c_str(), e.name.c_str(), 0) == 0 &&
+                fnmatch(t.value.c_str(), e.payload.c_str(), 0) == 0)
+                return &t;
+        return nullptr;
+    }
+
+    // The rest below: under `lock`, from the reader.
+    void enqueue(recording::Event& e)
+    {
+        const size_t size = queued_size(e);
+        if (queued + ring_bytes + size > bound) {
+            ++dropped;
+            return;
+        }
+        queued += size;
+        pending.push_back(std::move(e));
+    }
+
+    // Into the ring, the oldest going when they are too old or there is no
+    // room; one that finds no room while the file catches up is not kept.
+    void keep(recording::Event& e)
+    {
+        const size_t size = queued_size(e);
+        while (!ring.empty() && (ring.front().time_us < e.time_us - ring_us || queued + ring_bytes + size > bound)) {
+            ring_bytes -= queued_size(ring.front());
+            ring.pop_front();
+        }
+        if (queued + ring_bytes + size > bound)
+            return;
+        ring_bytes += size;
+        ring.push_back(std::move(e));
+    }
+
+    // A trigger at `time_us`: the ring's last ring_us go to the file and
+    // the window lasts until after_us past it (past the last trigger when
+    // one fires during the window: the window is extended, one file).
+    void fire(int64_t time_us, const std::string& what, const std::string& name)
+    {
+        if (window_end != 0) {
+            window_end = std::max(window_end, time_us + after_us);
+            cuts.push_back({Cut::note, pending.size(), what, name, time_us});
+            return;
+        }
+        Cut cut{Cut::open, pending.size(), what, name, time_us, time_us - ring_us};
+        for (auto& e : ring) {
+            if (e.time_us < time_us - ring_us)
+                continue;
+            if (ring_us == forever_us && cut.from_us > e.time_us)
+                cut.from_us = e.time_us;
+            queued += queued_size(e);
+            pending.push_back(std::move(e));
+        }
+        if (ring_us == forever_us && cut.from_us > time_us)
+            cut.from_us = time_us;
+        cuts.push_back(std::move(cut));
+        ring.clear();
+        ring_bytes = 0;
+        window_end = time_us + after_us;
+    }
+
+    void close_window()
+    {
+        cuts.push_back({Cut::close, pending.size(), "", "", window_end});
+        window_end = 0;
+    }
+
+    void deliver(std::vector<recording::Event>& events)
+    {
+        for (auto& e : events) {
+            if (!black_box) {
+                enqueue(e);
+                continue;
+            }
+            if (window_end != 0 && e.time_us > window_end)
+                close_window();
+            if (const Trigger* t = fired(e))
+                fire(e.time_us, t->text, e.name);
+            if (window_end != 0)
+                enqueue(e);
+            else
+                keep(e);
+        }
+        events.clear();
+    }
 
     bool wanted_list(const std::string& key) const
     {
@@ -206,8 +344,10 @@ struct Recorder {
                 out.push_back(std::move(e));
             }
         } else if ((command == "PUBLISH" && a.size() == 3) || command == "SET") {
-            if (patterns.empty() || matches(patterns, a[1]))
-                out.push_back(event(command == "SET" ? "set" : "publish", a[2]));
+            // A trigger is in its window whatever the PATTERNs.
+            recording::Event e = event(command == "SET" ? "set" : "publish", a[2]);
+            if (patterns.empty() || matches(patterns, a[1]) || fired(e))
+                out.push_back(std::move(e));
         }
     }
 
@@ -223,6 +363,13 @@ struct Recorder {
         while (why.empty() && Clock::now() < drain_end) {
             if (drain_end == Clock::time_point::max() && (stop_requested || Clock::now() >= deadline))
                 drain_end = Clock::now() + std::chrono::seconds(1);
+            if (black_box && (trigger_requested || window_end != 0)) {
+                std::lock_guard<std::mutex> hold(lock);
+                if (trigger_requested.exchange(false))
+                    fire(wall_us(), "SIGUSR1", "SIGUSR1");
+                if (window_end != 0 && wall_us() > window_end + window_grace_us)
+                    close_window();
+            }
             void* r = nullptr;
             if (redisGetReplyFromReader(c, &r) != REDIS_OK) {
                 why = c->errstr;
@@ -246,16 +393,7 @@ struct Recorder {
                 why = std::string(reply->str, reply->len);
             if (!events.empty()) {
                 std::lock_guard<std::mutex> hold(lock);
-                for (auto& e : events) {
-                    const size_t size = queued_size(e);
-                    if (queued + size > queue_max) {
-                        ++dropped;
-                        continue;
-                    }
-                    queued += size;
-                    pending.push_back(std::move(e));
-                }
-                events.clear();
+                deliver(events);
             }
         }
         std::lock_guard<std::mutex> hold(lock);
@@ -275,16 +413,202 @@ long long file_size(const std::string& path)
     return total;
 }
 
-int64_t wall_us()
+// Letters, digits, '-', '_' and '.' of a name, for a file's name.
+std::string name_safe(const std::string& name)
 {
-    using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    std::string out = name.substr(0, 64);
+    for (char& c : out)
+        if (!isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.')
+            c = '_';
+    return out;
 }
+
+// "20261125T221503Z".
+std::string utc_text(int64_t us)
+{
+    const time_t seconds = static_cast<time_t>(us / 1000000);
+    tm utc = {};
+    gmtime_r(&seconds, &utc);
+    char text[32];
+    strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+    return text;
+}
+
+// The files of one recorder: -o itself; or its numbered parts
+// (STEM-0001.EXT, ... with --max-size or --max-duration); or, black box,
+// one per window (STEM-<time>-<trigger>.EXT, numbered too when split).
+class Output {
+public:
+    std::string base;
+    bool split = false;
+    size_t max_bytes = 0;
+    int64_t max_us = 0;
+    size_t keep = 0;  // files kept (0: all)
+    std::vector<std::pair<std::string, std::string>> meta;  // every file's
+    long long dropped = 0;  // the recorder's count of lost events
+
+    std::unique_ptr<recording::File> file;
+    std::string path;
+    long long kept = 0;  // events in the current file
+    int files = 0;
+
+    // A new file: the window's (a trigger's Cut) or the next part.
+    bool open(const Cut* window, std::string& error)
+    {
+        if (window) {
+            window_ = utc_text(window->time_us) + "-" + name_safe(window->name);
+            window_meta_ = {{"trigger", window->what}, {"trigger_us", std::to_string(window->time_us)},
+                            {"triggers", "1"}};
+            part_ = 0;
+            // Two windows in one second of the same trigger: a second name.
+            const std::string first = window_;
+            struct stat st;
+            for (int n = 2; (path = name(1), lstat(path.c_str(), &st) == 0); ++n)
+                window_ = first + "-" + std::to_string(n);
+        }
+        ++part_;
+        path = name(part_);
+        file = recording::File::create(path, error);
+        if (!file || stat(path.c_str(), &created_) != 0) {
+            error = path + ": " + (file ? strerror(errno) : error);
+            file.reset();
+            return false;
+        }
+        ++files;
+        kept = 0;
+        bytes_ = 0;
+        lost_ = 0;
+        made_.push_back(path);
+        auto values = meta;
+        values.emplace_back("started_us", std::to_string(window ? window->from_us : wall_us()));
+        values.insert(values.end(), window_meta_.begin(), window_meta_.end());
+        if (split)
+            values.emplace_back("part", std::to_string(part_));
+        for (const auto& v : values)
+            if (!file->set_meta(v.first, v.second, error))
+                return failed(error);
+        // The oldest beyond --keep go, once the new one is there.
+        while (keep > 0 && made_.size() > keep) {
+            remove(made_.front());
+            made_.pop_front();
+        }
+        return true;
+    }
+
+    // The events [from, to) of `batch` (moved from), into new parts as the
+    // limits say; their sizes were counted before.
+    bool write(std::vector<recording::Event>& batch, size_t from, size_t to, std::string& error)
+    {
+        std::vector<recording::Event> part;
+        for (size_t i = from; i <= to; ++i) {
+            const bool roll = i < to && split && kept + static_cast<long long>(part.size()) > 0 &&
+                              ((max_bytes > 0 && bytes_ + queued_size(batch[i]) > max_bytes) ||
+                               (max_us > 0 && batch[i].time_us - first_us_ >= max_us));
+            if ((roll || i == to) && !part.empty()) {
+                if (!file->write(part, error))
+                    return failed(error);
+                kept += static_cast<long long>(part.size());
+                part.clear();
+            }
+            if (roll && !(close(wall_us(), error) && open(nullptr, error)))
+                return false;
+            if (i == to)
+                break;
+            if (kept + static_cast<long long>(part.size()) == 0)
+                first_us_ = batch[i].time_us;
+            bytes_ += queued_size(batch[i]);
+            part.push_back(std::move(batch[i]));
+        }
+        return true;
+    }
+
+    // A window's cut: its file opens, notes one more trigger, or closes.
+    bool cut(const Cut& c, std::string& error)
+    {
+        if (c.kind == Cut::note) {
+            window_meta_[2].second = std::to_string(std::stoll(window_meta_[2].second) + 1);
+            return !file || file->set_meta("triggers", window_meta_[2].second, error) || failed(error);
+        }
+        if (file && !close(c.kind == Cut::close ? c.time_us : wall_us(), error))
+            return false;
+        return c.kind == Cut::close || open(&c, error);
+    }
+
+    // The current file's lost events, when they changed.
+    bool count_lost(long long now, std::string& error)
+    {
+        if (!file || now == dropped)
+            return true;
+        lost_ += now - dropped;
+        dropped = now;
+        return file->set_meta("lost", std::to_string(lost_), error) || failed(error);
+    }
+
+    bool close(int64_t ended_us, std::string& error)
+    {
+        if (!file)
+            return true;
+        if (!file->set_meta("ended_us", std::to_string(ended_us), error))
+            return failed(error);
+        file.reset();
+        return true;
+    }
+
+    // A failure, `error` now naming the file: one that holds no event yet
+    // goes (when it is still the one made here).
+    bool failed(std::string& error)
+    {
+        struct stat now;
+        file.reset();
+        if (kept == 0 && lstat(path.c_str(), &now) == 0 && now.st_dev == created_.st_dev &&
+            now.st_ino == created_.st_ino)
+            remove(path);
+        error = path + ": " + error;
+        return false;
+    }
+
+private:
+    std::string name(int part) const
+    {
+        const size_t slash = base.rfind('/');
+        const size_t begin = slash == std::string::npos ? 0 : slash + 1;
+        size_t dot = base.rfind('.');
+        if (dot == std::string::npos || dot <= begin)
+            dot = base.size();
+        std::string stem = base.substr(0, dot);
+        if (!window_.empty())
+            stem += "-" + window_;
+        if (split) {
+            char number[16];
+            snprintf(number, sizeof number, "-%04d", part);
+            stem += number;
+        }
+        return stem + base.substr(dot);
+    }
+
+    static void remove(const std::string& file)
+    {
+        for (const char* end : {"-wal", "-shm", ""})
+            unlink((file + end).c_str());
+    }
+
+    std::string window_;
+    std::vector<std::pair<std::string, std::string>> window_meta_;
+    int part_ = 0;
+    size_t bytes_ = 0;
+    int64_t first_us_ = 0;
+    long long lost_ = 0;
+    struct stat created_ = {};
+    std::deque<std::string> made_;
+};
 
 std::string output;
 double duration = 0;
 bool with_samples = false;
 std::vector<std::string> record_patterns;
+double ring_seconds = 0, ring_mib = 0, after_seconds = 10, max_mib = 0, max_seconds = 0;
+size_t keep_files = 0;
+std::vector<std::string> trigger_args, trigger_key_args;
 
 int record(const Options& o)
 {
@@ -297,40 +621,54 @@ int record(const Options& o)
     if (const std::string why = why_not(*bus, reply.get(), "MONITOR"); !why.empty())
         return fail(why);
     std::string error;
-    auto file = recording::File::create(output, error);
-    struct stat created = {};
-    if (!file || stat(output.c_str(), &created) != 0)
-        return fail(output + ": " + (file ? strerror(errno) : error));
-    long long kept = 0;  // events in the file
-    // A recording that fails before its first event holds nothing: the file
-    // made for it goes (when it is still the one made here).
-    const auto failed_with = [&](const std::string& why) {
-        struct stat now;
-        file.reset();
-        if (kept == 0 && lstat(output.c_str(), &now) == 0 && now.st_dev == created.st_dev &&
-            now.st_ino == created.st_ino) {
-            for (const char* end : {"-wal", "-shm", ""})
-                unlink((output + end).c_str());
-        }
-        return fail(why);
-    };
+    const bool black_box = ring_seconds > 0 || ring_mib > 0;
+    Output out;
+    out.base = output;
+    out.split = max_mib > 0 || max_seconds > 0;
+    out.max_bytes = static_cast<size_t>(max_mib * (1 << 20));
+    out.max_us = static_cast<int64_t>(max_seconds * 1e6);
+    out.keep = keep_files;
+    std::string patterns_text;
+    for (const std::string& p : record_patterns)
+        patterns_text += (patterns_text.empty() ? "" : " ") + p;
+    out.meta = {{"samples", with_samples ? "1" : "0"}, {"patterns", patterns_text}};
+    if (black_box) {
+        // Nothing is written until a trigger: a directory that cannot take
+        // the window is found now rather than then.
+        const size_t slash = output.rfind('/');
+        const std::string dir = slash == std::string::npos ? "." : output.substr(0, slash + 1);
+        if (access(dir.c_str(), W_OK | X_OK) != 0)
+            return fail(dir + ": " + strerror(errno));
+    } else if (!out.open(nullptr, error)) {
+        return fail(error);
+    }
 
     Recorder r;
     r.patterns = record_patterns;
     r.named = {bus->device_cmd, bus->bio_cmd, bus->bio_info, bus->bio_resp};
     r.sample_prefix = bus->bio_sample;
     r.samples = with_samples;
+    r.black_box = black_box;
+    if (black_box) {
+        r.bound = static_cast<size_t>((ring_mib > 0 ? ring_mib : ring_size_default) * (1 << 20));
+        if (ring_seconds > 0)
+            r.ring_us = static_cast<int64_t>(ring_seconds * 1e6);
+        r.after_us = static_cast<int64_t>(after_seconds * 1e6);
+        for (const auto* args : {&trigger_args, &trigger_key_args})
+            for (const std::string& a : *args) {
+                const size_t eq = a.find('=');
+                const bool key = args == &trigger_key_args;
+                r.triggers.push_back({key ? "set" : "publish", a.substr(0, eq), a.substr(eq + 1),
+                                      (key ? "set " : "publish ") + a});
+            }
+        struct sigaction usr1 = {};
+        usr1.sa_handler = [](int) { trigger_requested = true; };
+        usr1.sa_flags = SA_RESTART;
+        sigaction(SIGUSR1, &usr1, nullptr);
+    }
     const auto start = Clock::now();
     if (duration > 0)
         r.deadline = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(duration));
-    std::string patterns_text;
-    for (const std::string& p : record_patterns)
-        patterns_text += (patterns_text.empty() ? "" : " ") + p;
-    const bool described = file->set_meta("started_us", std::to_string(wall_us()), error) &&
-                           file->set_meta("samples", with_samples ? "1" : "0", error) &&
-                           file->set_meta("patterns", patterns_text, error);
-    if (!described)
-        return failed_with(output + ": " + error);
 
     catch_stop();
     std::thread reader([&] { r.read(c); });
@@ -342,39 +680,43 @@ int record(const Options& o)
     long long lost = 0;
     for (bool finished = false; !finished;) {
         std::vector<recording::Event> batch;
-        long long dropped;
+        std::vector<Cut> cuts;
         {
             std::unique_lock<std::mutex> hold(r.lock);
             r.ready.wait_for(hold, std::chrono::milliseconds(100), [&] { return r.done; });
             batch.swap(r.pending);
+            cuts.swap(r.cuts);
             finished = r.done;
-            dropped = r.dropped;
+            lost = r.dropped;
         }
-        if (failed.empty() && !batch.empty()) {
-            if (file->write(batch, failed))
-                kept += static_cast<long long>(batch.size());
-            else
-                stop_requested = true;  // the reader ends; nothing more can be kept
-        }
-        if (failed.empty() && dropped != lost && !file->set_meta("lost", std::to_string(dropped), failed))
-            stop_requested = true;
-        lost = dropped;
         size_t written = 0;
-        for (const auto& e : batch)
-            written += queued_size(e);
-        {
-            std::lock_guard<std::mutex> hold(r.lock);
-            r.queued -= written;
-        }
         for (const auto& e : batch) {
+            written += queued_size(e);
             ++counts[e.kind];
             missed += e.has_sample && !e.sample.missed.empty();
         }
         total += static_cast<long long>(batch.size());
+        // The batch's events up to each cut into the current file, then the cut.
+        for (size_t i = 0, from = 0; failed.empty() && i <= cuts.size(); ++i) {
+            const size_t to = i < cuts.size() ? cuts[i].at : batch.size();
+            if (from < to && !out.write(batch, from, to, failed))
+                break;
+            from = to;
+            if (i < cuts.size())
+                out.cut(cuts[i], failed);
+        }
+        if (failed.empty())
+            out.count_lost(lost, failed);
+        if (!failed.empty())
+            stop_requested = true;  // the reader ends; nothing more can be kept
+        {
+            std::lock_guard<std::mutex> hold(r.lock);
+            r.queued -= written;
+        }
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         char tail[96];
         snprintf(tail, sizeof tail, "  %.1f/s  %.1f MB", seconds > 0 ? total / seconds : 0.0,
-                 file_size(output) / 1e6);
+                 out.file ? file_size(out.path) / 1e6 : 0.0);
         line = seconds_text(static_cast<int64_t>(seconds * 1e6));
         for (const char* kind : {"push", "sample", "publish", "set"}) {
             line += std::string("  ") + kind + " " + std::to_string(counts[kind]);
@@ -382,6 +724,8 @@ int record(const Options& o)
                 line += " (missed " + std::to_string(missed) + ")";
         }
         line += tail;
+        if (out.split || black_box)
+            line += "  files " + std::to_string(out.files);
         if (lost > 0)
             line += "  lost " + std::to_string(lost);
         if (terminal) {
@@ -392,17 +736,23 @@ int record(const Options& o)
     reader.join();
     printf("%s%s\n", terminal ? "\r" : "", line.c_str());
     if (!failed.empty())
-        return failed_with(output + ": " + failed);
-    if (!file->set_meta("ended_us", std::to_string(wall_us()), error))
-        return failed_with(output + ": " + error);
+        return fail(failed);
+    if (!out.close(wall_us(), error))
+        return fail(error);
     if (lost > 0)
         bMSG::write_error_line("bmsg: " + std::to_string(lost) + " events lost: the file's writer fell behind");
     // The server closes a watcher that falls behind as it closes any client
     // of its class: the limit is the device's to set (docs/recording.md).
-    return r.lost.empty() ? 0
-                          : failed_with("lost the server: " + r.lost +
-                                        " (it ended, or the recorder fell behind by more than the "
-                                        "server's client-output-buffer-limit for normal clients)");
+    if (r.lost.empty())
+        return 0;
+    std::string why = "lost the server: " + r.lost +
+                      " (it ended, or the recorder fell behind by more than the server's "
+                      "client-output-buffer-limit for normal clients)";
+    if (out.kept == 0 && out.files == 1 && !black_box) {
+        std::string ignored;
+        out.failed(ignored);  // removes the empty recording
+    }
+    return fail(why);
 }
 
 } // namespace
@@ -436,7 +786,58 @@ void add_record_commands(CLI::App& app, Action& action)
     rec->add_flag("--samples", with_samples,
                   "Keep each sample's pixels too, read from its segment right after the push");
     rec->add_option("PATTERN", record_patterns, "Glob over list keys, channels and setting keys");
-    rec->callback([&] { action = record; });
+    auto* ring = rec->add_option("--ring", ring_seconds,
+                                 "Black box: keep the last SECONDS in memory and write nothing until a "
+                                 "trigger (SIGUSR1, --trigger, --trigger-key); then that window and --after "
+                                 "go into a new file, -o's name with the trigger's UTC time and name "
+                                 "(rec.db: rec-20261125T221503Z-SYSTEM_STATUS.db)")
+                     ->type_name("SECONDS")
+                     ->check(CLI::PositiveNumber);
+    auto* ring_size = rec->add_option("--ring-size", ring_mib,
+                                      "Black box: memory for the window and the queue to the file together "
+                                      "(MiB, default 512); the oldest go first, events that find no room "
+                                      "during a window are counted lost")
+                          ->type_name("MB")
+                          ->check(CLI::PositiveNumber);
+    auto* after = rec->add_option("--after", after_seconds,
+                                  "Black box: go on SECONDS after the trigger (default 10); a trigger "
+                                  "during them extends the same file")
+                      ->type_name("SECONDS")
+                      ->check(CLI::NonNegativeNumber);
+    const auto named_glob = [](const std::string& v) {
+        return v.find('=') == std::string::npos ? std::string("not NAME=PATTERN") : std::string();
+    };
+    auto* trigger = rec->add_option("--trigger", trigger_args,
+                                    "Black box: a trigger when a message matching the glob PATTERN is "
+                                    "published on CHANNEL (a glob too), e.g. SYSTEM_STATUS=*error*")
+                        ->type_name("CHANNEL=PATTERN")
+                        ->check(named_glob)
+                        ->allow_extra_args(false);
+    auto* trigger_key = rec->add_option("--trigger-key", trigger_key_args,
+                                        "Black box: a trigger when setting KEY (a glob) is set to a value "
+                                        "matching PATTERN")
+                            ->type_name("KEY=PATTERN")
+                            ->check(named_glob)
+                            ->allow_extra_args(false);
+    rec->add_option("--max-size", max_mib,
+                    "Split into numbered files of at most MB MiB of events each (rec.db: rec-0001.db, "
+                    "rec-0002.db, ...), each a whole recording")
+        ->type_name("MB")
+        ->check(CLI::PositiveNumber);
+    rec->add_option("--max-duration", max_seconds,
+                    "Split into numbered files of at most SECONDS each (by the events' times)")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber);
+    rec->add_option("--keep", keep_files, "Remove the oldest files this recorder made beyond N (split or black box)")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    rec->callback([&action, ring, ring_size, after, trigger, trigger_key] {
+        if (ring->count() == 0 && ring_size->count() == 0)
+            for (const auto* o : {after, trigger, trigger_key})
+                if (o->count() > 0)
+                    throw CLI::ValidationError(o->get_name(), "needs --ring or --ring-size");
+        action = record;
+    });
     add_play_command(app, action);
     add_info_commands(app, action);
 }
