@@ -21,6 +21,7 @@ namespace bmsg_tool {
 namespace {
 
 std::string file_name, directory;
+std::vector<std::string> file_names;  // in order; file_name is the one at work
 
 // Width, height and format of a descriptor; false when it is not one.
 bool shape(const std::string& descriptor, unsigned int& width, unsigned int& height,
@@ -42,7 +43,14 @@ std::string local_time(int64_t us)
     return text;
 }
 
-int info(const Options&)
+// What `info` adds up over several files.
+struct Totals {
+    int64_t span = 0;
+    long long events = 0;
+    std::map<std::pair<std::string, std::string>, long long> rows;
+} totals;
+
+int info_file()
 {
     std::string error;
     auto file = recording::File::open(file_name, error);
@@ -86,6 +94,13 @@ int info(const Options&)
            ended ? "closed" : "cut short (the recorder did not close it)");
     if (const long long lost = atoll(meta["lost"].c_str()); lost > 0)
         printf("  %lld events lost: the recorder's writer fell behind (not in the file)\n", lost);
+    if (!meta["trigger"].empty())
+        printf("  triggered by %s at %s (%s trigger(s) in the window)\n", escaped(meta["trigger"].data(), meta["trigger"].size()).c_str(),
+               local_time(atoll(meta["trigger_us"].c_str())).c_str(), meta["triggers"].c_str());
+    totals.span += span;
+    totals.events += total;
+    for (const auto& row : rows)
+        totals.rows[row.first] += row.second;
     printf("  %-8s %-32s %8s %10s\n", "kind", "list, channel or key", "count", "rate");
     for (const auto& row : rows)
         printf("  %-8s %-32s %8lld %8.2f/s\n", row.first.first.c_str(), row.first.second.c_str(),
@@ -94,6 +109,25 @@ int info(const Options&)
         printf("  samples by list, shape and format:\n");
     for (const auto& s : shapes)
         printf("  %s %lld samples, %lld missed\n", s.first.c_str(), s.second.count, s.second.missed);
+    return 0;
+}
+
+// Each file, then the sum over them when there are several.
+int info(const Options&)
+{
+    for (const std::string& name : file_names) {
+        file_name = name;
+        if (info_file() != 0)
+            return 1;
+    }
+    if (file_names.size() < 2)
+        return 0;
+    const double seconds = totals.span / 1e6;
+    printf("total: %zu files, %s, %lld events\n", file_names.size(), seconds_text(totals.span).c_str(),
+           totals.events);
+    for (const auto& row : totals.rows)
+        printf("  %-8s %-32s %8lld %8.2f/s\n", row.first.first.c_str(), row.first.second.c_str(),
+               row.second, seconds > 0 ? row.second / seconds : 0.0);
     return 0;
 }
 
@@ -232,9 +266,13 @@ bool export_png(int dir, const std::string& name, const picture::Picture& pic, s
 int export_recording(const Options&)
 {
     std::string error;
-    auto file = recording::File::open(file_name, error);
-    if (!file)
-        return fail(file_name + ": " + error);
+    // Every file is checked before anything is written.
+    std::vector<std::unique_ptr<recording::File>> files;
+    for (const std::string& name : file_names) {
+        files.push_back(recording::File::open(name, error));
+        if (!files.back())
+            return fail(name + ": " + error);
+    }
     // The images are biometric: only this user may read what is written,
     // and nothing found in the directories is written through.
     umask(077);
@@ -255,41 +293,44 @@ int export_recording(const Options&)
         fprintf(out.get(), "%s}\n", line.c_str());
         return true;
     };
-    const bool read = file->each(
-        [&](const recording::Event& e) {
-            std::string line = "{\"seq\":" + std::to_string(++n) + ",\"time_us\":" + std::to_string(e.time_us) +
-                               ",\"kind\":" + json(e.kind) + ",\"command\":" + json(e.command) +
-                               ",\"name\":" + json(e.name) + ",\"payload\":" + json(e.payload);
-            unsigned int width, height;
-            BImage::ImageFormat format;
-            if (e.kind == "sample" && shape(e.payload, width, height, format)) {
-                line += ",\"width\":" + std::to_string(width) + ",\"height\":" + std::to_string(height) +
-                        ",\"format\":" + json(picture::format_name(format));
-                char name[32];
-                snprintf(name, sizeof name, "samples/%06lld-", n);
-                const std::string png = name + file_safe(e.sample.modality) + ".png";
-                if (!e.has_sample || !e.sample.missed.empty()) {
-                    line += ",\"missed\":" + json(e.has_sample ? e.sample.missed : "pixels not recorded");
-                    return write_line(line);
+    for (size_t f = 0; f < files.size() && failed.empty(); ++f) {
+        file_name = file_names[f];
+        const bool read = files[f]->each(
+            [&](const recording::Event& e) {
+                std::string line = "{\"seq\":" + std::to_string(++n) + ",\"time_us\":" + std::to_string(e.time_us) +
+                                   ",\"kind\":" + json(e.kind) + ",\"command\":" + json(e.command) +
+                                   ",\"name\":" + json(e.name) + ",\"payload\":" + json(e.payload);
+                unsigned int width, height;
+                BImage::ImageFormat format;
+                if (e.kind == "sample" && shape(e.payload, width, height, format)) {
+                    line += ",\"width\":" + std::to_string(width) + ",\"height\":" + std::to_string(height) +
+                            ",\"format\":" + json(picture::format_name(format));
+                    char name[32];
+                    snprintf(name, sizeof name, "samples/%06lld-", n);
+                    const std::string png = name + file_safe(e.sample.modality) + ".png";
+                    if (!e.has_sample || !e.sample.missed.empty()) {
+                        line += ",\"missed\":" + json(e.has_sample ? e.sample.missed : "pixels not recorded");
+                        return write_line(line);
+                    }
+                    std::vector<unsigned char> pixels(e.sample.pixels.begin(), e.sample.pixels.end());
+                    BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, pixels.data());
+                    picture::Picture pic;
+                    if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
+                        line += ",\"missed\":\"no picture of this format or size\"";
+                    } else if (!export_png(samples.fd, png.substr(png.find('/') + 1), pic, failed)) {
+                        failed = directory + "/" + png + ": " + failed;
+                        return false;
+                    } else {
+                        line += ",\"png\":" + json(png);
+                        ++pngs;
+                    }
                 }
-                std::vector<unsigned char> pixels(e.sample.pixels.begin(), e.sample.pixels.end());
-                BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, pixels.data());
-                picture::Picture pic;
-                if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
-                    line += ",\"missed\":\"no picture of this format or size\"";
-                } else if (!export_png(samples.fd, png.substr(png.find('/') + 1), pic, failed)) {
-                    failed = directory + "/" + png + ": " + failed;
-                    return false;
-                } else {
-                    line += ",\"png\":" + json(png);
-                    ++pngs;
-                }
-            }
-            return write_line(line);
-        },
-        true, error);
-    if (!read)
-        return fail(file_name + ": " + error);
+                return write_line(line);
+            },
+            true, error);
+        if (!read)
+            return fail(file_name + ": " + error);
+    }
     if (!failed.empty())
         return fail(failed);
     if (fflush(out.get()) != 0 || ferror(out.get()) || !events.commit(error))
@@ -306,13 +347,13 @@ void add_info_commands(CLI::App& app, Action& action)
     auto* sub = app.add_subcommand(
         "info", "A recording's duration, counts and rates per list, channel and key, sample "
                 "shapes and formats, missed pixels");
-    sub->add_option("FILE", file_name)->required();
+    sub->add_option("FILE", file_names, "Recordings, in order (the split files of one, several windows)")->required();
     sub->callback([&] { action = info; });
 
     auto* exp = app.add_subcommand(
         "export", "A recording's events as JSON lines (DIR/events.jsonl) and its samples as PNG "
                   "files (DIR/samples, written as `sample recv -o` writes them)");
-    exp->add_option("FILE", file_name)->required();
+    exp->add_option("FILE", file_names, "Recordings, in order: seq counts across them")->required();
     exp->add_option("-o,--output", directory, "Directory to write (made when missing)")
         ->required()
         ->type_name("DIR");

@@ -20,7 +20,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string file_name;
+std::string file_name;                // the one being played
+std::vector<std::string> file_names;  // in order
 double rate = 1;
 bool loop = false;
 std::vector<std::string> only;
@@ -75,16 +76,18 @@ std::string replay(bMSG::Messager& bus, const recording::Event& e, long long num
 int play(const Options& o)
 {
     std::string error;
-    auto file = recording::File::open(file_name, error);
-    if (!file)
-        return fail(file_name + ": " + error);
+    // Every file is checked before anything is sent.
+    std::vector<std::unique_ptr<recording::File>> files;
     long long total = 0;
     const auto count = [&](const recording::Event& e) {
         total += only.empty() || matches(only, e.name);
         return true;
     };
-    if (!file->each(count, false, error))
-        return fail(file_name + ": " + error);
+    for (const std::string& name : file_names) {
+        files.push_back(recording::File::open(name, error));
+        if (!files.back() || !files.back()->each(count, false, error))
+            return fail(name + ": " + error);
+    }
     auto bus = open_bus(o);
     if (!bus)
         return 1;
@@ -94,39 +97,43 @@ int play(const Options& o)
     std::string failed;
     auto shown = Clock::now();
     do {
+        // One time base for the files: they play as one recording.
         int64_t first = -1;
-        long long number = 0;
         const auto start = Clock::now();
-        const bool read = file->each(
-            [&](const recording::Event& e) {
-                ++number;
-                if (!only.empty() && !matches(only, e.name))
+        for (size_t f = 0; f < files.size() && failed.empty() && !stop_requested; ++f) {
+            file_name = file_names[f];
+            long long number = 0;
+            const bool read = files[f]->each(
+                [&](const recording::Event& e) {
+                    ++number;
+                    if (!only.empty() && !matches(only, e.name))
+                        return true;
+                    if (first < 0)
+                        first = e.time_us;
+                    const auto gap = std::chrono::microseconds(static_cast<int64_t>(rate > 0 ? (e.time_us - first) / rate : 0));
+                    if (!sleep_until(start + gap))
+                        return false;
+                    // Without pixels a sample cannot be sent, and its descriptor
+                    // alone would hand the receivers another image's pixels.
+                    if (e.kind == "sample" && (!e.has_sample || !e.sample.missed.empty())) {
+                        ++skipped;
+                        return true;
+                    }
+                    failed = replay(*bus, e, number);
+                    if (!failed.empty())
+                        return false;
+                    ++played;
+                    if (terminal && Clock::now() - shown > std::chrono::milliseconds(100)) {
+                        shown = Clock::now();
+                        printf("\rplayed %lld events of %lld per pass\x1b[K", played, total);
+                        fflush(stdout);
+                    }
                     return true;
-                if (first < 0)
-                    first = e.time_us;
-                const auto gap = std::chrono::microseconds(static_cast<int64_t>(rate > 0 ? (e.time_us - first) / rate : 0));
-                if (!sleep_until(start + gap))
-                    return false;
-                // Without pixels a sample cannot be sent, and its descriptor
-                // alone would hand the receivers another image's pixels.
-                if (e.kind == "sample" && (!e.has_sample || !e.sample.missed.empty())) {
-                    ++skipped;
-                    return true;
-                }
-                failed = replay(*bus, e, number);
-                if (!failed.empty())
-                    return false;
-                ++played;
-                if (terminal && Clock::now() - shown > std::chrono::milliseconds(100)) {
-                    shown = Clock::now();
-                    printf("\rplayed %lld events of %lld per pass\x1b[K", played, total);
-                    fflush(stdout);
-                }
-                return true;
-            },
-            true, error);
-        if (!read)
-            failed = error;
+                },
+                true, error);
+            if (!read)
+                failed = error;
+        }
     } while (loop && total > 0 && failed.empty() && !stop_requested);
     // A segment with samples still queued stays for their receivers; the
     // others go with the bus, after a moment for a receiver that has just
@@ -158,7 +165,8 @@ void add_play_command(CLI::App& app, Action& action)
         "play", "Replay a recording in its order and with its gaps: pushes, publishes and "
                 "settings as recorded, samples through the library's sample send. Exit 0 when "
                 "everything was replayed");
-    sub->add_option("FILE", file_name)->required();
+    sub->add_option("FILE", file_names, "Recordings, played in order as one (their time goes on across them)")
+        ->required();
     sub->add_option("--rate", rate, "Divide the recorded gaps by R (default 1; 0: no gaps)")
         ->type_name("R")
         ->check(CLI::NonNegativeNumber);
