@@ -196,6 +196,7 @@ int main(int argc, char** argv)
     bmsg_tool::add_watch_command(app, action);
     bmsg_tool::add_sample_commands(app, action);
     bmsg_tool::add_record_commands(app, action);
+    bmsg_tool::add_report_command(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -105,6 +105,8 @@ void add_watch_command(CLI::App& app, Action& action);
 void add_subscribe_command(CLI::App& app, Action& action);
 // record, play, info and export (bmsg_record.cpp and its neighbours).
 void add_record_commands(CLI::App& app, Action& action);
+// report (bmsg_report.cpp): one HTML page of recordings.
+void add_report_command(CLI::App& app, Action& action);
 
 // Where the bmsg-tools package puts recording.md and security.md.
 extern const char* const doc_dir;
