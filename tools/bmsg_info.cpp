@@ -22,6 +22,7 @@ namespace {
 
 std::string file_name, directory;
 std::vector<std::string> file_names;  // in order; file_name is the one at work
+std::string key_file;                 // of sealed recordings
 
 // Width, height and format of a descriptor; false when it is not one.
 bool shape(const std::string& descriptor, unsigned int& width, unsigned int& height,
@@ -269,9 +270,9 @@ int export_recording(const Options&)
     // Every file is checked before anything is written.
     std::vector<std::unique_ptr<recording::File>> files;
     for (const std::string& name : file_names) {
-        files.push_back(recording::File::open(name, error));
+        files.push_back(open_recording(name, key_file, true));
         if (!files.back())
-            return fail(name + ": " + error);
+            return 1;
     }
     // The images are biometric: only this user may read what is written,
     // and nothing found in the directories is written through.
@@ -357,6 +358,7 @@ void add_info_commands(CLI::App& app, Action& action)
     exp->add_option("-o,--output", directory, "Directory to write (made when missing)")
         ->required()
         ->type_name("DIR");
+    add_key_option(exp, key_file);
     exp->callback([&] { action = export_recording; });
 }
 

@@ -22,6 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 std::string file_name;                // the one being played
 std::vector<std::string> file_names;  // in order
+std::string key_file;                 // of sealed recordings
 double rate = 1;
 bool loop = false;
 std::vector<std::string> only;
@@ -84,8 +85,10 @@ int play(const Options& o)
         return true;
     };
     for (const std::string& name : file_names) {
-        files.push_back(recording::File::open(name, error));
-        if (!files.back() || !files.back()->each(count, false, error))
+        files.push_back(open_recording(name, key_file, true));
+        if (!files.back())
+            return 1;
+        if (!files.back()->each(count, false, error))
             return fail(name + ": " + error);
     }
     auto bus = open_bus(o);
@@ -173,6 +176,7 @@ void add_play_command(CLI::App& app, Action& action)
     sub->add_flag("--loop", loop, "Start again at the end, until Ctrl-C");
     sub->add_option("--only", only, "Replay only lists, channels and settings matching the glob")
         ->type_name("PATTERN");
+    add_key_option(sub, key_file);
     sub->callback([&] { action = play; });
 }
 

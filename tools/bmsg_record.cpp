@@ -446,6 +446,7 @@ public:
     size_t keep = 0;  // files kept (0: all)
     std::vector<std::pair<std::string, std::string>> meta;  // every file's
     long long dropped = 0;  // the recorder's count of lost events
+    const sealing::PublicKey* seal_to = nullptr;  // every file sealed to it, when given
 
     std::unique_ptr<recording::File> file;
     std::string path;
@@ -468,7 +469,7 @@ public:
         }
         ++part_;
         path = name(part_);
-        file = recording::File::create(path, error);
+        file = recording::File::create(path, error, seal_to);
         if (!file || stat(path.c_str(), &created_) != 0) {
             error = path + ": " + (file ? strerror(errno) : error);
             file.reset();
@@ -609,9 +610,14 @@ std::vector<std::string> record_patterns;
 double ring_seconds = 0, ring_mib = 0, after_seconds = 10, max_mib = 0, max_seconds = 0;
 size_t keep_files = 0;
 std::vector<std::string> trigger_args, trigger_key_args;
+std::string seal_to_file;
 
 int record(const Options& o)
 {
+    std::string key_error;
+    std::unique_ptr<sealing::PublicKey> seal_to;
+    if (!seal_to_file.empty() && !(seal_to = sealing::read_public_key(seal_to_file, key_error)))
+        return fail(key_error);
     auto bus = open_bus(o);
     if (!bus)
         return 1;
@@ -628,6 +634,7 @@ int record(const Options& o)
     out.max_bytes = static_cast<size_t>(max_mib * (1 << 20));
     out.max_us = static_cast<int64_t>(max_seconds * 1e6);
     out.keep = keep_files;
+    out.seal_to = seal_to.get();
     std::string patterns_text;
     for (const std::string& p : record_patterns)
         patterns_text += (patterns_text.empty() ? "" : " ") + p;
@@ -828,6 +835,10 @@ void add_record_commands(CLI::App& app, Action& action)
                     "Split into numbered files of at most SECONDS each (by the events' times)")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber);
+    rec->add_option("--seal-to", seal_to_file,
+                    "Seal the payloads and pixels to this public key (bmsg keygen): only its secret "
+                    "key opens them; times, names, shapes and counts stay readable")
+        ->type_name("PUBLIC_KEY_FILE");
     rec->add_option("--keep", keep_files, "Remove the oldest files this recorder made beyond N (split or black box)")
         ->type_name("N")
         ->check(CLI::PositiveNumber);
@@ -840,6 +851,7 @@ void add_record_commands(CLI::App& app, Action& action)
     });
     add_play_command(app, action);
     add_info_commands(app, action);
+    add_keygen_command(app, action);
 }
 
 } // namespace bmsg_tool

@@ -1,4 +1,5 @@
 #include "recording.h"
+#include "bimage.h"
 #include "bmsg_tool.h"
 
 #include <fcntl.h>
@@ -16,6 +17,9 @@ namespace recording {
 namespace {
 
 constexpr const char* format_version = "1";
+// Older readers refuse a sealed recording rather than take its ciphertext
+// for payloads.
+constexpr const char* sealed_format = "1-sealed";
 
 // The library's key prefix of the sample lists (Messager::bio_sample).
 constexpr std::string_view sample_prefix = "BIOMETRIC_SAMPLE_";
@@ -27,6 +31,12 @@ constexpr const char* schema =
     " kind TEXT NOT NULL, command TEXT NOT NULL, name TEXT NOT NULL, payload BLOB NOT NULL);"
     "CREATE TABLE samples (event INTEGER PRIMARY KEY REFERENCES events(id),"
     " modality TEXT NOT NULL, pixels BLOB, missed TEXT);";
+
+// A sealed recording's sample shapes, clear for `bmsg info`: the descriptor
+// holds nothing more, and is sealed with the other payloads.
+constexpr const char* shapes_schema =
+    "CREATE TABLE shapes (event INTEGER PRIMARY KEY REFERENCES events(id),"
+    " width INTEGER NOT NULL, height INTEGER NOT NULL, format INTEGER NOT NULL);";
 
 // A prepared statement finalized on every exit path.
 struct Statement {
@@ -60,9 +70,43 @@ struct Db {
     }
 };
 
+// What a sealed field is bound to (its additional data): its own name, its
+// event's number and every clear field of the event, each with its length.
+// A ciphertext moved to another field or event, or an event's clear fields
+// changed, no longer opens.
+std::string context(const char* field, int64_t id, const Event& e)
+{
+    std::string c = std::string(field) + " " + std::to_string(id) + " " + std::to_string(e.time_us) +
+                    (e.has_sample ? " sample" : " none");
+    for (const std::string* s : {&e.kind, &e.command, &e.name, &e.sample.modality, &e.sample.missed})
+        c += " " + std::to_string(s->size()) + ":" + *s;
+    return c;
+}
+
+// The descriptor of a sample of this shape (it holds nothing else).
+std::string descriptor(unsigned int width, unsigned int height, unsigned int format)
+{
+    unsigned char borrowed = 0;
+    const BImage::Image probe(static_cast<int>(width), static_cast<int>(height),
+                              static_cast<BImage::ImageFormat>(format), &borrowed);
+    return std::string(reinterpret_cast<const char*>(probe.format_header()), BImage::Image::header_size);
+}
+
+bool shape_of(const std::string& payload, unsigned int shape[3])
+{
+    unsigned long size;
+    BImage::ImageFormat format;
+    if (payload.size() != BImage::Image::header_size ||
+        !BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(payload.data()), shape[0],
+                                           shape[1], size, format))
+        return false;
+    shape[2] = static_cast<unsigned int>(format);
+    return true;
+}
+
 } // namespace
 
-std::unique_ptr<File> File::create(const std::string& path, std::string& error)
+std::unique_ptr<File> File::create(const std::string& path, std::string& error, const sealing::PublicKey* seal_to)
 {
     // The file may hold biometric images: nobody else may read it, whatever
     // the umask. SQLite gives its -wal and -shm files the same mode.
@@ -82,8 +126,17 @@ std::unique_ptr<File> File::create(const std::string& path, std::string& error)
     std::unique_ptr<File> file(new File(db.release()));
     // NORMAL in WAL mode: a committed batch survives the process being
     // killed; only a power cut may lose the last ones.
-    if (!file->exec(schema, error) || !file->exec("PRAGMA synchronous=NORMAL", error) ||
-        !file->set_meta("format", format_version, error))
+    if (!file->exec(schema, error) || !file->exec("PRAGMA synchronous=NORMAL", error))
+        return nullptr;
+    if (seal_to) {
+        // Only the secret key's holder can open the recording's own key.
+        std::string sealed;
+        file->key_ = sealing::RecordingKey::create(*seal_to, sealed, error);
+        file->sealed_ = true;
+        if (!file->key_ || !file->exec(shapes_schema, error) || !file->set_meta("sealed_key", sealed, error))
+            return nullptr;
+    }
+    if (!file->set_meta("format", seal_to ? sealed_format : format_version, error))
         return nullptr;
     return file;
 }
@@ -107,7 +160,7 @@ std::string unrecordable(const Event& e)
            (e.has_sample ? " with a sample" : "") + " is nothing a recorder writes";
 }
 
-std::unique_ptr<File> File::open(const std::string& path, std::string& error)
+std::unique_ptr<File> File::open(const std::string& path, std::string& error, const sealing::SecretKey* key)
 {
     Db db;
     if (sqlite3_open_v2(path.c_str(), &db.db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
@@ -119,10 +172,14 @@ std::unique_ptr<File> File::open(const std::string& path, std::string& error)
     sqlite3_db_config(db.db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     sqlite3_db_config(db.db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     std::unique_ptr<File> file(new File(db.release()));
-    if (file->meta()["format"] != format_version) {
+    auto meta = file->meta();
+    file->sealed_ = meta["format"] == sealed_format;
+    if (meta["format"] != format_version && !file->sealed_) {
         error = "not a bmsg recording";
         return nullptr;
     }
+    if (file->sealed_ && key && !(file->key_ = sealing::RecordingKey::open(*key, meta["sealed_key"], error)))
+        return nullptr;
     // `play` sends the events' commands: a file edited to hold any other
     // command (EVAL, FLUSHALL, ...) is refused whole, before anything is sent.
     int64_t number = 0;
@@ -155,23 +212,45 @@ bool File::write(const std::vector<Event>& events, std::string& error)
 {
     if (!exec("BEGIN", error))
         return false;
-    Statement event(db_, "INSERT INTO events (time_us, kind, command, name, payload) VALUES (?,?,?,?,?)");
+    Statement event(db_, "INSERT INTO events (time_us, kind, command, name, payload, id) VALUES (?,?,?,?,?,?)");
     Statement sample(db_, "INSERT INTO samples (event, modality, pixels, missed) VALUES (?,?,?,?)");
-    bool ok = event.s && sample.s;
+    std::unique_ptr<Statement> shape;
+    if (key_)
+        shape = std::make_unique<Statement>(db_, "INSERT INTO shapes (event, width, height, format) VALUES (?,?,?,?)");
+    bool ok = event.s && sample.s && (!key_ || shape->s);
+    std::string payload, pixels;  // sealed, when the file is
     for (size_t i = 0; ok && i < events.size(); ++i) {
         const Event& e = events[i];
+        // A sealed file's ids are known before the rows are: its fields
+        // are bound to them.
+        const int64_t id = next_id_ + static_cast<int64_t>(i);
+        if (key_) {
+            payload = key_->seal(e.payload, context("payload", id, e));
+            pixels = e.has_sample && e.sample.missed.empty() ? key_->seal(e.sample.pixels, context("pixels", id, e)) : "";
+        }
         sqlite3_bind_int64(event.s, 1, e.time_us);
         event.text(2, e.kind);
         event.text(3, e.command);
         event.text(4, e.name);
-        event.blob(5, e.payload);
+        event.blob(5, key_ ? payload : e.payload);
+        if (key_)
+            sqlite3_bind_int64(event.s, 6, id);
+        else
+            sqlite3_bind_null(event.s, 6);
         ok = event.step_done();
+        unsigned int dimensions[3];
+        if (ok && key_ && e.kind == "sample" && shape_of(e.payload, dimensions)) {
+            sqlite3_bind_int64(shape->s, 1, id);
+            for (int d = 0; d < 3; ++d)
+                sqlite3_bind_int64(shape->s, d + 2, dimensions[d]);
+            ok = shape->step_done();
+        }
         if (!ok || !e.has_sample)
             continue;
         sqlite3_bind_int64(sample.s, 1, sqlite3_last_insert_rowid(db_));
         sample.text(2, e.sample.modality);
         if (e.sample.missed.empty()) {
-            sample.blob(3, e.sample.pixels);
+            sample.blob(3, key_ ? pixels : e.sample.pixels);
             sqlite3_bind_null(sample.s, 4);
         } else {
             sqlite3_bind_null(sample.s, 3);
@@ -185,7 +264,10 @@ bool File::write(const std::vector<Event>& events, std::string& error)
         exec("ROLLBACK", ignored);
         return false;
     }
-    return exec("COMMIT", error);
+    if (!exec("COMMIT", error))
+        return false;
+    next_id_ += static_cast<int64_t>(events.size());
+    return true;
 }
 
 bool File::set_meta(const std::string& key, const std::string& value, std::string& error)
@@ -216,19 +298,25 @@ int64_t File::count()
 
 bool File::each(const std::function<bool(const Event&)>& fn, bool pixels, std::string& error)
 {
-    Statement s(db_, pixels ? "SELECT e.time_us, e.kind, e.command, e.name, e.payload, s.event,"
-                              " s.modality, s.pixels, s.missed FROM events e"
-                              " LEFT JOIN samples s ON s.event = e.id ORDER BY e.id"
-                            : "SELECT e.time_us, e.kind, e.command, e.name, e.payload, s.event,"
-                              " s.modality, NULL, s.missed FROM events e"
-                              " LEFT JOIN samples s ON s.event = e.id ORDER BY e.id");
+    if (pixels && locked()) {
+        error = "sealed: its secret key is needed (--key)";
+        return false;
+    }
+    const std::string sql = std::string("SELECT e.time_us, e.kind, e.command, e.name, e.payload, s.event, s.modality, ") +
+                            (pixels ? "s.pixels" : "NULL") + ", s.missed, e.id" +
+                            (sealed_ ? ", h.event, h.width, h.height, h.format" : "") +
+                            " FROM events e LEFT JOIN samples s ON s.event = e.id" +
+                            (sealed_ ? " LEFT JOIN shapes h ON h.event = e.id" : "") + " ORDER BY e.id";
+    Statement s(db_, sql.c_str());
     if (!s.s) {
         error = sqlite3_errmsg(db_);
         return false;
     }
     Event e;
     int rc;
+    int64_t number = 0;
     while ((rc = sqlite3_step(s.s)) == SQLITE_ROW) {
+        ++number;
         e.time_us = sqlite3_column_int64(s.s, 0);
         e.kind = s.column(1);
         e.command = s.column(2);
@@ -238,12 +326,57 @@ bool File::each(const std::function<bool(const Event&)>& fn, bool pixels, std::s
         e.sample.modality = s.column(6);
         e.sample.pixels = s.column(7);
         e.sample.missed = s.column(8);
+        unsigned int shape[3] = {};
+        for (int d = 0; d < 3 && sealed_; ++d)
+            shape[d] = static_cast<unsigned int>(sqlite3_column_int64(s.s, 11 + d));
+        if (sealed_ && !unseal(e, sqlite3_column_int64(s.s, 9), number, pixels,
+                               sqlite3_column_type(s.s, 10) != SQLITE_NULL, shape, error))
+            return false;
         if (!fn(e))
             return true;
     }
     if (rc != SQLITE_DONE) {
         error = sqlite3_errmsg(db_);
         return false;
+    }
+    return true;
+}
+
+bool File::unseal(Event& e, int64_t id, int64_t number, bool pixels, bool shaped, const unsigned int shape[3],
+                  std::string& error) const
+{
+    const std::string clear_shape = shaped ? descriptor(shape[0], shape[1], shape[2]) : "";
+    const std::string at = "event " + std::to_string(number) + ": ";
+    // Ids run 1, 2, ...: a removed or reordered event is seen without the
+    // key too.
+    if (id != number) {
+        error = at + "not in its place (an event before it removed, or events reordered)";
+        return false;
+    }
+    e.withheld = !key_;
+    if (!key_) {
+        e.payload = clear_shape;
+        e.sample.pixels.clear();
+        return true;
+    }
+    std::string clear;
+    if (!key_->open(e.payload, context("payload", id, e), clear)) {
+        error = at + "does not open: changed, or moved from another place";
+        return false;
+    }
+    e.payload.swap(clear);
+    unsigned int dimensions[3];
+    if (clear_shape != (e.kind == "sample" && shape_of(e.payload, dimensions) ? e.payload : "")) {
+        error = at + "its sample's shape was changed";
+        return false;
+    }
+    // Pixels were kept when no reason says otherwise.
+    if (pixels && e.has_sample && e.sample.missed.empty()) {
+        if (!key_->open(e.sample.pixels, context("pixels", id, e), clear)) {
+            error = at + "its pixels do not open: changed, removed, or moved from another place";
+            return false;
+        }
+        e.sample.pixels.swap(clear);
     }
     return true;
 }

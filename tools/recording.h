@@ -3,6 +3,8 @@
 #ifndef BMSG_TOOLS_RECORDING_H
 #define BMSG_TOOLS_RECORDING_H
 
+#include "sealing.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -31,6 +33,9 @@ struct Event {
     std::string payload;  // element, message or value, exact bytes
     bool has_sample = false;
     Sample sample;
+    // Read from a sealed recording without its key: payload and pixels are
+    // withheld (empty), but a sample's descriptor, rebuilt from its shape.
+    bool withheld = false;
 };
 
 // Empty when `e` is something a recorder writes: a push (LPUSH, RPUSH,
@@ -43,13 +48,19 @@ std::string unrecordable(const Event& e);
 class File {
 public:
     // Creates a new recording at `path` with mode 0600 (an existing file is
-    // refused), WAL journal. Null with `error` set on failure.
-    static std::unique_ptr<File> create(const std::string& path, std::string& error);
+    // refused), WAL journal; sealed to `seal_to` when given. Null with
+    // `error` set on failure.
+    static std::unique_ptr<File> create(const std::string& path, std::string& error,
+                                        const sealing::PublicKey* seal_to = nullptr);
     // Opens a recording read-only (one a killed recorder left included).
     // Null with `error` set when it is missing or not a recording: one event
     // that unrecordable() refuses makes it none (`error` gives its number,
-    // counted from 1 in recorded order).
-    static std::unique_ptr<File> open(const std::string& path, std::string& error);
+    // counted from 1 in recorded order). A sealed recording opens without
+    // `key` for its clear fields only (locked()); with it every event is
+    // checked here: a wrong key, or an event changed, moved or removed, is
+    // an error (naming the event).
+    static std::unique_ptr<File> open(const std::string& path, std::string& error,
+                                      const sealing::SecretKey* key = nullptr);
     ~File();
     File(const File&) = delete;
     File& operator=(const File&) = delete;
@@ -61,14 +72,23 @@ public:
 
     // Calls `fn` for each event in recorded order, with its sample when one
     // was recorded (its pixels only when `pixels`), until it returns false.
-    // False with `error` on a read failure.
+    // False with `error` on a read failure, and, when sealed, on an event
+    // that does not open (named), or when asked for pixels while locked().
     bool each(const std::function<bool(const Event&)>& fn, bool pixels, std::string& error);
     int64_t count();
+    bool sealed() const { return sealed_; }
+    // Sealed and opened without its key: payloads and pixels cannot be read.
+    bool locked() const { return sealed_ && !key_; }
 
 private:
     explicit File(sqlite3* db) : db_(db) {}
     bool exec(const char* sql, std::string& error);
+    bool unseal(Event& e, int64_t id, int64_t number, bool pixels, bool shaped, const unsigned int shape[3],
+                std::string& error) const;
     sqlite3* db_;
+    bool sealed_ = false;
+    std::unique_ptr<sealing::RecordingKey> key_;  // null: not sealed, or locked
+    int64_t next_id_ = 1;  // a sealed file's ids: 1, 2, ... in recorded order
 };
 
 } // namespace recording
