@@ -187,3 +187,40 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     for (int i = 0; i < 40; ++i) bmsg_test::redis_raw(server, "SET big %s", std::string(100000, 'x').c_str());
     EXPECT_TRUE((slow.kill(SIGCONT), slow.wait()) == 1 && slow.err().find("client-output-buffer-limit") != std::string::npos) << slow.err();
 }
+
+// The report in Chromium without a network: one mark per event, the picture of each sample with its pixels, a missed
+// sample marked, no payload taken for markup; screenshots (a phone's, a desktop's) kept in report/ of the build.
+TEST(Record, ReportInChromiumOffline)
+{
+    RedisServer server;
+    const std::string modality = bmsg_test::unique("rep"), file = server.dir() + "/rec.db", page = server.dir() + "/report.html";
+    BImage::Image image(40, 30, BImage::RGB24, nullptr), gone(8, 8, BImage::GRAY8, nullptr);
+    for (int i = 0; i < image.count(); ++i) image.data[i] = static_cast<unsigned char>(i * 13);
+    bmsg_test::Child rec = recorder(server, {"-o", file, "--samples"});
+    exchange(server, modality, image);
+    bmsg_test::redis_raw(server, "PUBLISH SYSTEM_STATUS %s", "<script>document.body.id='pw'+'ned'</script>");
+    bmsg_test::redis_raw(server, "RPUSH BIOMETRIC_SAMPLE_gone %b", gone.format_header(), size_t{32});  // no segment: missed
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", "BIOMETRIC_SAMPLE_gone") == 1; }));
+    EXPECT_EQ((rec.kill(SIGINT), rec.wait()), 0);
+    shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
+    ASSERT_EQ(tool({"report", file, "-o", page}).status, 0);
+    const auto chromium = [&](std::vector<std::string> args) {  // in a network namespace of its own (a user one too unless root)
+        args.insert(args.begin(), {geteuid() ? "-rn" : "-n", "chromium", "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars"});
+        args.push_back("file://" + page);
+        bmsg_test::Child c = bmsg_test::spawn_native("unshare", args);
+        EXPECT_EQ(c.wait(), 0) << c.err();
+        return c.out();
+    };
+    const std::string dom = chromium({"--dump-dom"});
+    size_t marks = 0;
+    for (size_t at = 0; (at = dom.find("<a class=\"ev ", at)) != dom.npos; ++at) ++marks;
+    EXPECT_TRUE(marks == 11 && dom.find("pwned") == dom.npos && dom.find("data-event=\"11\">missed: ") != dom.npos) << marks << dom;
+    const size_t at = dom.find("base64,", dom.find("<img class=\"sample\" data-event=\"9\"")) + 7;
+    std::ofstream(server.dir() + "/png.b64") << dom.substr(at, dom.find('"', at) - at);
+    picture::Picture png; std::string error;
+    ASSERT_TRUE(std::system(("base64 -d " + server.dir() + "/png.b64 > " + server.dir() + "/sample.png").c_str()) == 0 && picture::read_file(server.dir() + "/sample.png", png, error)) << error;
+    EXPECT_TRUE(png.channels == 3 && png.pixels == std::vector<unsigned char>(image.data, image.data + image.count()));
+    mkdir("report", 0755);
+    for (const std::string size : {"390,844", "1280,900"})
+        chromium({"--screenshot=report/" + size + ".png", "--window-size=" + size});
+}

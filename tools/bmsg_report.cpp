@@ -447,7 +447,7 @@ void add_report_command(CLI::App& app, Action& action)
                   "the status messages, the samples' pictures, a black box's trigger; nothing fetched, "
                   "no script (mode 0600: it holds the pictures)");
     sub->add_option("FILE", report_files, "Recordings, in order")->required();
-    sub->add_option("-o,--output", report_path, "The page to write (replaced)")->required()->type_name("HTML");
+    sub->add_option("-o,--output", report_path, "The page to write (replaced)")->required()->type_name("PAGE");
     sub->callback([&] { action = report; });
 }
 
