@@ -25,6 +25,7 @@ namespace {
 
 std::vector<std::string> report_files;
 std::string report_path;
+std::string report_key;  // of sealed recordings
 
 constexpr const char* style =
     "body{font:14px/1.4 sans-serif;color:#222;margin:0 auto;padding:8px 12px;max-width:1100px}"
@@ -407,8 +408,10 @@ int report(const Options&)
     Span span;
     std::string error;
     for (const std::string& path : report_files) {
-        Recording r{path, recording::File::open(path, error), {}, 0, 0};
-        if (!r.file || !read_items(r, items, error))
+        Recording r{path, open_recording(path, report_key, true), {}, 0, 0};
+        if (!r.file)
+            return 1;
+        if (!read_items(r, items, error))
             return fail(path + ": " + error);
         r.meta = r.file->meta();
         span.take(atoll(r.meta["started_us"].c_str()));
@@ -448,6 +451,7 @@ void add_report_command(CLI::App& app, Action& action)
                   "no script (mode 0600: it holds the pictures)");
     sub->add_option("FILE", report_files, "Recordings, in order")->required();
     sub->add_option("-o,--output", report_path, "The page to write (replaced)")->required()->type_name("PAGE");
+    add_key_option(sub, report_key);
     sub->callback([&] { action = report; });
 }
 
