@@ -32,12 +32,14 @@ bmsg_test::Captured tool(const std::vector<std::string>& args)
     return {c.wait(), c.out(), c.err()};
 }
 
-// A recorder, returned once the server counts it as a monitor.
+// A recorder, returned once the server counts it as one more monitor.
 bmsg_test::Child recorder(const RedisServer& server, std::vector<std::string> args)
 {
+    const auto monitors = [&] { std::istringstream l(bmsg_test::redis_raw(server, "CLIENT LIST")); std::string c; int n = 0; while (l >> c) n += c == "cmd=monitor"; return n; };
+    const int before = monitors();
     args.insert(args.begin(), {"-s", server.socket(), "record"});
     bmsg_test::Child c = bmsg_test::spawn_program(BMSG_TOOL, args);
-    EXPECT_TRUE(bmsg_test::wait_until([&] { return bmsg_test::redis_raw(server, "CLIENT LIST").find("cmd=monitor") != std::string::npos; }));
+    EXPECT_TRUE(bmsg_test::wait_until([&] { return monitors() > before; }));
     return c;
 }
 
@@ -90,17 +92,30 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     const std::string without = consume(plain, modality);
     EXPECT_NE(without.find("BIO_CMD: " + every_byte), std::string::npos);
 
-    bmsg_test::Child rec = recorder(recorded, {"-o", file, "--samples"});
+    // Sealed too, to a key made for it (the secret one private, never overwritten); another key opens nothing.
+    const std::string sealed = recorded.dir() + "/sealed.db", key = recorded.dir() + "/k", other = recorded.dir() + "/other";
+    struct stat secret = {};
+    ASSERT_TRUE(tool({"keygen", "-o", key}).status == 0 && tool({"keygen", "-o", other}).status == 0 && tool({"keygen", "-o", key}).status == 1);
+    EXPECT_TRUE(!stat((key + ".key").c_str(), &secret) && (secret.st_mode & 0777) == 0600);
+    bmsg_test::Child rec = recorder(recorded, {"-o", file, "--samples"}), seal = recorder(recorded, {"-o", sealed, "--samples", "--seal-to", key + ".pub"});
     exchange(recorded, modality, image);
-    ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", "BIOMETRIC_SAMPLE_" + modality) == 1; }));
+    ASSERT_TRUE(bmsg_test::wait_until([&] { return counted(file, "sample", "BIOMETRIC_SAMPLE_" + modality) == 1 && counted(sealed, "sample", "BIOMETRIC_SAMPLE_" + modality) == 1; }));
     EXPECT_EQ(consume(recorded, modality), without);  // the recorder took nothing
     EXPECT_EQ((rec.kill(SIGINT), rec.wait()), 0) << rec.err();
+    EXPECT_EQ((seal.kill(SIGINT), seal.wait()), 0) << seal.err();
+    std::stringstream raw;  // no payload sent and no run of pixels in the sealed file's bytes
+    raw << std::ifstream(sealed).rdbuf() << std::ifstream(sealed + "-wal").rdbuf();
+    for (const std::string& sent : {every_byte, std::string(utf8_edges), std::string("capture:1"), std::string("reset"), std::string("captured 1"), std::string("capturing"),
+             std::string("idle"), std::string(reinterpret_cast<const char*>(image.format_header()), 32), std::string(reinterpret_cast<char*>(image.data) + 1000, 32)})
+        EXPECT_EQ(raw.str().find(sent), std::string::npos) << sent;
     const struct { const char* kind; const char* name; long long count; } rows[] = {{"push", "BIO_CMD", 2}, {"push", "DEVICE_CMD", 1},
         {"push", "MAIN_BIOMETRIC_INFO", 1}, {"push", "BIOMETRIC_RESP", 1}, {"publish", "SYSTEM_STATUS", 2}, {"set", "exposure", 1}};
     for (const auto& row : rows)
-        EXPECT_EQ(counted(file, row.kind, row.name), row.count) << row.kind << " " << row.name;
-    const std::string info = tool({"info", file}).out;
-    EXPECT_TRUE(info.find(" from 2") != info.npos && info.find("pixels recorded") != info.npos && info.find("64x48 GRAY8 1 samples, 0 missed") != info.npos) << info;
+        EXPECT_TRUE(counted(file, row.kind, row.name) == row.count && counted(sealed, row.kind, row.name) == row.count) << row.kind << " " << row.name;
+    for (const std::string& f : {file, sealed}) {  // the sealed one without its key
+        const std::string info = tool({"info", f}).out;
+        EXPECT_TRUE(info.find(" from 2") != info.npos && info.find("pixels recorded") != info.npos && info.find("64x48 GRAY8 1 samples, 0 missed") != info.npos) << info;
+    }
 
     // Into directories open to others with links at the names to write: made private, the links replaced, not followed.
     const std::string dir = recorded.dir() + "/export", victim = recorded.dir() + "/victim", png_name = dir + "/samples/000009-" + modality + ".png";
@@ -115,12 +130,25 @@ TEST(Record, ExchangeRecordedExportedAndPlayedBack)
     EXPECT_EQ(kept.str(), "kept");
     for (const char* text : {"\\u001f !\\\"#", "~\\u007f\\udc80\\udc81", utf8_json})
         EXPECT_NE(jsonl.str().find(text), std::string::npos) << text;
+    // The sealed one exports the same with its key only; a byte changed or a field moved is refused, naming its event.
+    std::stringstream opened;
+    EXPECT_TRUE(tool({"export", sealed, "-o", dir + "2"}).status == 1 && tool({"export", sealed, "-o", dir + "2", "--key", other + ".key"}).status == 1);
+    ASSERT_EQ(tool({"export", sealed, "-o", dir + "2", "--key", key + ".key"}).status, 0);
+    opened << std::ifstream(dir + "2/events.jsonl").rdbuf();
+    EXPECT_EQ(opened.str(), jsonl.str());
+    for (const auto& edit : {std::pair<std::string, std::string>{"UPDATE samples SET pixels = substr(pixels, 1, 99) || iif(substr(pixels, 100, 1) = X'00', X'01', X'00') || substr(pixels, 101)", "event 9:"},
+             {"UPDATE events SET (time_us, kind, command, name, payload) = (SELECT time_us, kind, command, name, payload FROM events WHERE id = 1) WHERE id = 2", "event 2:"},
+             {"UPDATE samples SET pixels = (SELECT payload FROM events WHERE id = 9)", "event 9:"}}) {
+        ASSERT_EQ(std::system(("rm -f " + dir + ".db && sqlite3 " + sealed + " \"VACUUM INTO '" + dir + ".db'\" && sqlite3 " + dir + ".db \"" + edit.first + "\"").c_str()), 0);
+        const auto refused = tool({"export", dir + ".db", "-o", dir + "2", "--key", key + ".key"});
+        EXPECT_TRUE(refused.status == 1 && refused.err.find(edit.second) != std::string::npos) << refused.err;
+    }
 
     // Played into a fresh server: the same to its consumer (pixels through the player's segment).
     shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
     bmsg_test::Child sub = bmsg_test::spawn_program(BMSG_TOOL, {"-s", fresh.socket(), "subscribe", "SYSTEM_STATUS", "-n", "2"});
     ASSERT_TRUE(bmsg_test::wait_subscribers(fresh, "SYSTEM_STATUS", 1));
-    const auto played = tool({"-s", fresh.socket(), "play", file, "--rate", "0"});
+    const auto played = tool({"-s", fresh.socket(), "play", sealed, "--key", key + ".key", "--rate", "0"});
     EXPECT_EQ(std::to_string(played.status) + " " + played.out, "0 played 9 events\n") << played.err;
     EXPECT_EQ(consume(fresh, modality), without);
     EXPECT_TRUE(sub.wait() == 0 && sub.out().find("SYSTEM_STATUS capturing\n") != std::string::npos) << sub.out();
