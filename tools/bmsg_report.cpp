@@ -268,10 +268,10 @@ void write_header(FILE* out, const std::vector<Recording>& recordings, const Spa
         for (const auto& m : r.meta) {
             if (m.first.compare(0, 7, "trigger") != 0)
                 continue;
-            std::string value = html(m.second);
+            std::string value = shown(m.second);
             if (m.first.size() > 3 && m.first.compare(m.first.size() - 3, 3, "_us") == 0 && atoll(m.second.c_str()) > 0)
                 value = clock_text(atoll(m.second.c_str()), true) + " (" + span.offset(atoll(m.second.c_str())) + ")";
-            shown_meta += " <b>" + html(m.first) + "</b> " + value;
+            shown_meta += " <b>" + shown(m.first) + "</b> " + value;
         }
         if (!shown_meta.empty())
             fprintf(out, "<div class=\"trigger\">Trigger of %s:%s</div>\n", html(r.path).c_str(), shown_meta.c_str());
