@@ -54,6 +54,13 @@ long long counted(const std::string& file, const std::string& kind, const std::s
     return -1;
 }
 
+std::string shell(const std::string& command)  // its output (64 KiB at most)
+{
+    std::string out(1 << 16, '\0');
+    std::unique_ptr<FILE, int (*)(FILE*)> p(popen(command.c_str(), "r"), pclose);
+    return out.substr(0, p ? fread(out.data(), 1, out.size(), p.get()) : 0);
+}
+
 // The device's kinds of traffic; the sample's segment stays (owner off) for the recorder to read.
 void exchange(const RedisServer& server, const std::string& modality, BImage::Image& image)
 {
@@ -214,6 +221,46 @@ TEST(Record, KilledRecorderLeavesAPrivateFileThatOpens)
     slow.kill(SIGSTOP);
     for (int i = 0; i < 40; ++i) bmsg_test::redis_raw(server, "SET big %s", std::string(100000, 'x').c_str());
     EXPECT_TRUE((slow.kill(SIGCONT), slow.wait()) == 1 && slow.err().find("client-output-buffer-limit") != std::string::npos) << slow.err();
+}
+
+TEST(Record, BlackBoxWindowsAndNumberedFiles)
+{
+    RedisServer server, fresh;
+    const std::string d = server.dir(), rows = "SELECT time_us, name, payload FROM events";
+    const auto sql = [](const std::string& file, const std::string& query) { return shell("sqlite3 " + file + " \"" + query + "\""); };
+    std::vector<bmsg_test::Child> recs;  // everything; a black box of 0.5 s before and after; files by size and time, 3 kept
+    for (std::vector<std::string> args : {std::vector<std::string>{"-o", d + "/all.db"}, {"-o", d + "/size.db", "--max-size", "0.001", "--keep", "3"},
+             {"-o", d + "/time.db", "--max-duration", "0.5", "--keep", "3"}, {"-o", d + "/box.db", "--ring", "0.5", "--after", "0.5", "--trigger", "SYSTEM_STATUS=*error*", "--trigger-key", "mode=fault*"}})
+        recs.push_back(recorder(server, args));
+    ASSERT_TRUE(bmsg_test::wait_until([&] { std::istringstream l(bmsg_test::redis_raw(server, "CLIENT LIST")); std::string c; int n = 0; while (l >> c) n += c == "cmd=monitor"; return n == 4; }));
+    for (int i = 0; i < 52; ++i, usleep(100000)) {
+        bmsg_test::redis_raw(server, "LPUSH BIO_CMD %d", i);
+        i == 10 ? (void)bmsg_test::redis_raw(server, "PUBLISH SYSTEM_STATUS %s", "an error") : i == 25 ? (void)bmsg_test::redis_raw(server, "SET mode faulty") : i == 40 ? recs[3].kill(SIGUSR1) : void();
+    }
+    for (auto& r : recs) EXPECT_EQ((r.kill(SIGINT), r.wait()), 0) << r.err();
+    std::string triggers;  std::istringstream windows(shell("ls " + d + "/box-*.db"));  // each window: what happened from 0.5 s before its trigger to 0.5 s after
+    for (std::string w; windows >> w; triggers += sql(w, "SELECT value FROM meta WHERE key = 'trigger'")) {
+        const long long t = std::stoll(sql(w, "SELECT value FROM meta WHERE key = 'trigger_us'"));
+        EXPECT_EQ(sql(w, rows), sql(d + "/all.db", rows + " WHERE time_us BETWEEN " + std::to_string(t - 500000) + " AND " + std::to_string(t + 500000))) << w;
+        EXPECT_GE(std::stoi(sql(w, "SELECT count(*) FROM events")), 3) << w;
+    }
+    EXPECT_EQ(triggers, "publish SYSTEM_STATUS=*error*\nset mode=fault*\nSIGUSR1\n");
+    // The 3 newest parts, whole recordings each, hold the last events in order; play, info and export take them as one.
+    for (const auto& split : {std::pair<std::string, std::string>{"/size", "SELECT 1"}, {"/time", "SELECT max(time_us) - min(time_us) < 500000 FROM events"}}) {
+        std::istringstream ls(shell("ls " + d + split.first + "-*.db"));
+        std::vector<std::string> parts;  std::string kept;
+        for (std::string p; ls >> p; parts.push_back(p))
+            EXPECT_TRUE(tool({"info", p}).status == 0 && sql(p, split.second) == "1\n" && !(kept += sql(p, rows)).empty()) << p;
+        ASSERT_TRUE(parts.size() == 3 && access((d + split.first + "-0001.db").c_str(), F_OK) != 0) << testing::PrintToString(parts);
+        const std::string tail = rows + " WHERE time_us >= " + sql(parts[0], "SELECT min(time_us) FROM events"), jsonl = d + split.first + "/events.jsonl";
+        const std::string n = std::to_string(std::stoll(sql(d + "/all.db", "SELECT count(*) FROM (" + tail + ")")));
+        EXPECT_EQ(kept, sql(d + "/all.db", tail));
+        std::vector<std::string> play = {"-s", fresh.socket(), "play", "--rate", "0"}, info = {"info"}, exp = {"export", "-o", d + split.first};
+        for (auto* args : {&play, &info, &exp}) args->insert(args->end(), parts.begin(), parts.end());
+        EXPECT_EQ(tool(play).out, "played " + n + " events\n");
+        EXPECT_NE(tool(info).out.find("total: 3 files, "), std::string::npos);  // seq of export counted across the files:
+        EXPECT_EQ((tool(exp), shell("wc -l < " + jsonl + "; tail -n1 " + jsonl + " | cut -d, -f1")), n + "\n{\"seq\":" + n + "\n");
+    }
 }
 
 // The report in Chromium without a network: one mark per event, the picture of each sample with its pixels, a missed
