@@ -1,10 +1,11 @@
 # The device kit, package bmsg-device (component device): with it the other
 # packages make a running bus without a file written by hand. It holds the
 # bus's redis-server unit and configuration, the system users (one per role
-# the ACL file turns on, all in the group bmsg) and the maintainer scripts
-# that give every role its password (docs/security.md). Only a component
-# install (cpack, cmake --install --component device) installs it: its
-# paths are the system's, whatever the prefix.
+# the ACL file turns on, all in the group bmsg), the provisioning that gives
+# every role its password on the device's first boot, units for the roles'
+# programs, the recorder and the health check (docs/device.md). Only a
+# component install (cpack, cmake --install --component device) installs
+# it: its paths are the system's, whatever the prefix.
 set(bmsg_device_dir ${PROJECT_SOURCE_DIR}/data/device)
 set(bmsg_acl ${PROJECT_SOURCE_DIR}/data/device.acl)
 
@@ -27,13 +28,21 @@ file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/device/bmsg-device.conf CONTENT "${s
 
 install(FILES ${PROJECT_BINARY_DIR}/device/bmsg-device.conf DESTINATION lib/sysusers.d
         COMPONENT device EXCLUDE_FROM_ALL)
-install(FILES ${bmsg_device_dir}/bmsg-bus.service DESTINATION lib/systemd/system
+install(FILES ${bmsg_device_dir}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME bmsg-device.conf
+        COMPONENT device EXCLUDE_FROM_ALL)
+install(FILES ${bmsg_device_dir}/bmsg-bus.service ${bmsg_device_dir}/bmsg-provision.service
+        ${bmsg_device_dir}/bmsg@.service ${bmsg_device_dir}/bmsg-record.service
+        ${bmsg_device_dir}/bmsg-health.service ${bmsg_device_dir}/bmsg-health.timer
+        DESTINATION lib/systemd/system COMPONENT device EXCLUDE_FROM_ALL)
+install(PROGRAMS ${bmsg_device_dir}/provision-device DESTINATION libexec/bmsg
         COMPONENT device EXCLUDE_FROM_ALL)
 install(FILES ${bmsg_device_dir}/redis.conf DESTINATION /etc/bmsg COMPONENT device EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/device.md DESTINATION share/doc/bmsg-device
+        COMPONENT device EXCLUDE_FROM_ALL)
 
 set(CPACK_COMPONENT_DEVICE_DEPENDS tools)
 set(CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS
-    "redis-server, systemd | systemd-standalone-sysusers")
+    "redis-server (>= 5:7.0), systemd")
 set(CPACK_DEBIAN_DEVICE_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DEVICE_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_DEVICE_PACKAGE_CONTROL_EXTRA ${bmsg_device_dir}/conffiles ${bmsg_device_dir}/postinst
@@ -44,7 +53,9 @@ ${bus_description}
 .
 This package makes the device's bus: redis-server on the Unix socket
 /run/bmsg/redis.sock (service bmsg-bus), reachable by the group bmsg only,
-under the device's access list with one user per role. Installing it makes
-the system users bmsg-<role>, one random password per role in
-/etc/bmsg/<role>.env for the role's services, and the access list with
-those passwords that the bus loads.")
+under the device's access list with one system user bmsg-<role> per role.
+Before the bus's first start (the first boot of a device made from an
+image), each role gets a random password in /etc/bmsg/<role>.env and the
+bus its access list with them.
+The template unit bmsg@.service runs a role's program, bmsg-record.service
+records the bus on demand and bmsg-health.timer checks it every 30 s.")
