@@ -709,7 +709,8 @@ int record(const Options& o)
             if (from < to && !out.write(batch, from, to, failed))
                 break;
             from = to;
-            if (i < cuts.size())
+            // A window's losses go into its own file, before it closes.
+            if (i < cuts.size() && (cuts[i].kind == Cut::note || out.count_lost(lost, failed)))
                 out.cut(cuts[i], failed);
         }
         if (failed.empty())
