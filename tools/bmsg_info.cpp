@@ -93,6 +93,8 @@ int info_file()
            local_time(started).c_str(), total,
            meta["samples"] == "1" ? "pixels recorded" : "pixels not recorded",
            ended ? "closed" : "cut short (the recorder did not close it)");
+    if (file->sealed())
+        printf("  sealed: payloads and pixels open with the secret key only (--key)\n");
     if (const long long lost = atoll(meta["lost"].c_str()); lost > 0)
         printf("  %lld events lost: the recorder's writer fell behind (not in the file)\n", lost);
     if (!meta["trigger"].empty())
