@@ -182,6 +182,8 @@ struct Item {
     int64_t time_us = 0;
     std::string kind, name, payload;  // payload already shown()
     std::string shape;                // samples: "40x30 RGB24"
+    unsigned int width = 0, height = 0;
+    BImage::ImageFormat format = BImage::GRAY8;
     std::string missed;               // samples without pixels: why
     bool pixels = false;
 };
@@ -222,15 +224,13 @@ bool read_items(Recording& r, std::vector<Item>& items, std::string& error)
             item.kind = e.kind;
             item.name = e.name;
             item.payload = shown(e.payload);
-            unsigned int width, height;
             unsigned long size;
-            BImage::ImageFormat format;
             if (e.kind == "sample") {
                 const bool descriptor = e.payload.size() == BImage::Image::header_size &&
                     BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(e.payload.data()),
-                                                      width, height, size, format);
-                item.shape = descriptor ? std::to_string(width) + "x" + std::to_string(height) + " " +
-                                              picture::format_name(format)
+                                                      item.width, item.height, size, item.format);
+                item.shape = descriptor ? std::to_string(item.width) + "x" + std::to_string(item.height) + " " +
+                                              picture::format_name(item.format)
                                         : "not a descriptor";
                 item.missed = !e.has_sample ? "pixels not recorded"
                               : !descriptor ? "no picture without a descriptor"
@@ -251,7 +251,7 @@ void write_header(FILE* out, const std::vector<Recording>& recordings, const Spa
     for (const Recording& r : recordings) {
         auto meta = r.meta;
         const int64_t started = atoll(meta["started_us"].c_str()), ended = atoll(meta["ended_us"].c_str());
-        fprintf(out, "<li><b>%s</b>: %s, %lld events, %s, %s", html(r.path).c_str(),
+        fprintf(out, "<li><b>%s</b>: %s, %lld events, %s, %s", shown(r.path, r.path.size()).c_str(),
                 started > 0 ? ("from " + clock_text(started, true)).c_str() : "no start",
                 static_cast<long long>(r.count),
                 meta["samples"] == "1" ? "pixels recorded" : "pixels not recorded",
@@ -274,7 +274,8 @@ void write_header(FILE* out, const std::vector<Recording>& recordings, const Spa
             shown_meta += " <b>" + shown(m.first) + "</b> " + value;
         }
         if (!shown_meta.empty())
-            fprintf(out, "<div class=\"trigger\">Trigger of %s:%s</div>\n", html(r.path).c_str(), shown_meta.c_str());
+            fprintf(out, "<div class=\"trigger\">Trigger of %s:%s</div>\n", shown(r.path, r.path.size()).c_str(),
+                    shown_meta.c_str());
     }
 }
 
@@ -350,13 +351,9 @@ bool write_samples(FILE* out, std::vector<Recording>& recordings, std::vector<It
                 any = true;
                 std::string img;
                 if (item.pixels) {
-                    unsigned int width, height;
-                    unsigned long size;
-                    BImage::ImageFormat format;
-                    BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(e.payload.data()),
-                                                      width, height, size, format);
                     std::vector<unsigned char> pixels(e.sample.pixels.begin(), e.sample.pixels.end());
-                    BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, pixels.data());
+                    BImage::Image image(static_cast<int>(item.width), static_cast<int>(item.height), item.format,
+                                        pixels.data());
                     picture::Picture pic;
                     if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
                         item.missed = "no picture of this format or size";
@@ -364,8 +361,8 @@ bool write_samples(FILE* out, std::vector<Recording>& recordings, std::vector<It
                         return false;
                     } else {
                         img = "<img class=\"sample\" data-event=\"" + std::to_string(i) + "\" data-width=\"" +
-                              std::to_string(width) + "\" data-height=\"" + std::to_string(height) +
-                              "\" data-format=\"" + picture::format_name(format) + "\" alt=\"sample " +
+                              std::to_string(item.width) + "\" data-height=\"" + std::to_string(item.height) +
+                              "\" data-format=\"" + picture::format_name(item.format) + "\" alt=\"sample " +
                               std::to_string(i) + "\" src=\"" + uri + "\">";
                     }
                 }
@@ -427,7 +424,7 @@ int report(const Options&)
     fprintf(out, "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
                  "<meta name=\"viewport\" content=\"width=device-width,initial-scale=1\">\n"
                  "<title>bmsg report: %s</title>\n<style>%s</style></head><body>\n",
-            html(report_files.front()).c_str(), style);
+            shown(report_files.front()).c_str(), style);
     write_header(out, recordings, span);
     write_timeline(out, items, recordings, span);
     write_status(out, items, span);
