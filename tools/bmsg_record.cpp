@@ -46,9 +46,10 @@ constexpr size_t queue_max = 256ul << 20;
 // twice the queue's: a minute of the window and what waits for the file.
 constexpr double ring_size_default = 512;  // MiB
 constexpr int64_t forever_us = std::numeric_limits<int64_t>::max() / 4;
-// A window ends on the recorder's clock this long after its last event's
-// time, for the events still on their way.
-constexpr int64_t window_grace_us = 500000;
+// A window ends at the first event past its end or, on a quiet bus, on the
+// recorder's clock this long after its end, for the events still on their
+// way (a recorder that fell behind by less keeps its window whole).
+constexpr int64_t window_grace_us = 1000000;
 
 std::atomic<bool> trigger_requested{false};
 
@@ -225,6 +226,8 @@ struct Recorder {
     // one fires during the window: the window is extended, one file).
     void fire(int64_t time_us, const std::string& what, const std::string& name)
     {
+        if (window_end != 0 && time_us > window_end)
+            close_window();  // past its end, not closed yet (SIGUSR1 in the grace)
         if (window_end != 0) {
             window_end = std::max(window_end, time_us + after_us);
             cuts.push_back({Cut::note, pending.size(), what, name, time_us});
