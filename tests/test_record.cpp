@@ -280,7 +280,7 @@ TEST(Record, ReportInChromiumOffline)
     shm_unlink(("/BIOMETRIC_SAMPLE_" + modality).c_str());
     ASSERT_EQ(tool({"report", file, "-o", page}).status, 0);
     const auto chromium = [&](std::vector<std::string> args) {  // in a network namespace of its own (a user one too unless root)
-        args.insert(args.begin(), {geteuid() ? "-rn" : "-n", "chromium", "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars"});
+        args.insert(args.begin(), {geteuid() ? "-rn" : "-n", "chromium", "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars", "--user-data-dir=" + server.dir() + "/chromium"});
         args.push_back("file://" + page);
         bmsg_test::Child c = bmsg_test::spawn_native("unshare", args);
         EXPECT_EQ(c.wait(), 0) << c.err();
