@@ -195,7 +195,8 @@ struct Recording {
     size_t first = 0, count = 0;  // its items
 };
 
-// The page's time span: from the first start or event to the last end or event.
+// The page's time span: from the first event to the last (a black box's file
+// starts long before its events), else from the first start to the last end.
 struct Span {
     int64_t from = 0, to = 0;
     void take(int64_t us)
@@ -208,7 +209,8 @@ struct Span {
     std::string left(int64_t us) const
     {
         char text[16];
-        snprintf(text, sizeof text, "%.3f%%", to > from ? 100.0 * (us - from) / (to - from) : 0.0);
+        const double at = to > from ? 100.0 * (us - from) / (to - from) : 0.0;
+        snprintf(text, sizeof text, "%.3f%%", std::min(std::max(at, 0.0), 100.0));
         return text;
     }
     std::string offset(int64_t us) const { return "+" + seconds_text(us - from); }
@@ -411,12 +413,13 @@ int report(const Options&)
         if (!read_items(r, items, error))
             return fail(path + ": " + error);
         r.meta = r.file->meta();
-        span.take(atoll(r.meta["started_us"].c_str()));
-        span.take(atoll(r.meta["ended_us"].c_str()));
         recordings.push_back(std::move(r));
     }
     for (const Item& e : items)
         span.take(e.time_us);
+    for (Recording& r : recordings)
+        if (items.empty())
+            span.take(atoll(r.meta["started_us"].c_str())), span.take(atoll(r.meta["ended_us"].c_str()));
     PageFile page(report_path);
     FILE* out = page.out();
     if (!out)
