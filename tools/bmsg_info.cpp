@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <memory>
 
@@ -36,12 +35,7 @@ bool shape(const std::string& descriptor, unsigned int& width, unsigned int& hei
 
 std::string local_time(int64_t us)
 {
-    const time_t seconds = static_cast<time_t>(us / 1000000);
-    tm local = {};
-    localtime_r(&seconds, &local);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
+    return recording::time_text(us, "%Y-%m-%d %H:%M:%S");
 }
 
 // What `info` adds up over several files.

@@ -20,7 +20,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <limits>
 #include <mutex>
@@ -429,12 +428,7 @@ std::string name_safe(const std::string& name)
 // "20261125T221503Z".
 std::string utc_text(int64_t us)
 {
-    const time_t seconds = static_cast<time_t>(us / 1000000);
-    tm utc = {};
-    gmtime_r(&seconds, &utc);
-    char text[32];
-    strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
-    return text;
+    return recording::time_text(us, "%Y%m%dT%H%M%SZ", true);
 }
 
 // The files of one recorder: -o itself; or its numbered parts

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <memory>
 
@@ -168,13 +167,9 @@ private:
 
 std::string clock_text(int64_t us, bool date)
 {
-    const time_t seconds = static_cast<time_t>(us / 1000000);
-    tm local = {};
-    localtime_r(&seconds, &local);
-    char text[48];
-    const size_t n = strftime(text, sizeof text, date ? "%Y-%m-%d %H:%M:%S" : "%H:%M:%S", &local);
-    snprintf(text + n, sizeof text - n, ".%03d", static_cast<int>(us % 1000000 / 1000));
-    return text;
+    char ms[8];
+    snprintf(ms, sizeof ms, ".%03d", static_cast<int>(us % 1000000 / 1000));
+    return recording::time_text(us, date ? "%Y-%m-%d %H:%M:%S" : "%H:%M:%S") + ms;
 }
 
 // One event as the page shows it; pixels are read again when written.

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 namespace recording {
@@ -139,6 +140,18 @@ std::unique_ptr<File> File::create(const std::string& path, std::string& error, 
     if (!file->set_meta("format", seal_to ? sealed_format : format_version, error))
         return nullptr;
     return file;
+}
+
+std::string time_text(int64_t us, const char* format, bool utc)
+{
+    const time_t seconds = static_cast<time_t>(us / 1000000);
+    tm broken = {};
+    if (utc)
+        gmtime_r(&seconds, &broken);
+    else
+        localtime_r(&seconds, &broken);
+    char text[48];
+    return std::string(text, strftime(text, sizeof text, format, &broken));
 }
 
 std::string unrecordable(const Event& e)

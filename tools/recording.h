@@ -45,6 +45,10 @@ struct Event {
 // it is instead, on one line. `bmsg play` sends nothing else.
 std::string unrecordable(const Event& e);
 
+// A recorded time (microseconds since 1970) as strftime's `format` writes
+// it, in local time or in UTC.
+std::string time_text(int64_t us, const char* format, bool utc = false);
+
 class File {
 public:
     // Creates a new recording at `path` with mode 0600 (an existing file is
