@@ -9,6 +9,7 @@
 #include "recording.h"
 
 #include <fcntl.h>
+#include <sodium.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,22 +75,14 @@ std::string shown(const std::string& bytes, size_t max = 200)
     return html(escaped(bytes.data(), n)) + (n < bytes.size() ? " …" : "");
 }
 
-// No base64 encoder among the libraries the tool links: this one is plain
-// RFC 4648 with padding.
+// RFC 4648 base64 with padding, for data: URIs.
 std::string base64(const std::string& bytes)
 {
-    static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    out.reserve((bytes.size() + 2) / 3 * 4);
-    for (size_t i = 0; i < bytes.size(); i += 3) {
-        const size_t left = bytes.size() - i;
-        const auto byte = [&](size_t k) { return k < left ? static_cast<unsigned char>(bytes[i + k]) : 0u; };
-        const unsigned long v = byte(0) << 16 | byte(1) << 8 | byte(2);
-        out += digits[v >> 18 & 63];
-        out += digits[v >> 12 & 63];
-        out += left > 1 ? digits[v >> 6 & 63] : '=';
-        out += left > 2 ? digits[v & 63] : '=';
-    }
+    const int variant = sodium_base64_VARIANT_ORIGINAL;
+    std::string out(sodium_base64_ENCODED_LEN(bytes.size(), variant), '\0');
+    sodium_bin2base64(&out[0], out.size(), reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                      variant);
+    out.pop_back();  // the terminating NUL
     return out;
 }
 
