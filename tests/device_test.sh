@@ -44,7 +44,8 @@ admin() { REDISCLI_AUTH=$(pw admin) redis-cli -s "$work/redis.sock" --user admin
 # A full bus refuses writes before the recorder's output buffer could fill it.
 limit=$(admin config get client-output-buffer-limit | tail -1 | cut -d' ' -f2)
 [ "$limit" -gt 0 ] && [ "$(admin config get maxmemory | tail -1)" -gt "$limit" ] || exit 1
-as recorder record --samples -d 2 -o "$work/bus.bmsgrec" >/dev/null & recorder=$!
+"$root/usr/bin/bmsg" keygen -o "$work/analyst" >/dev/null  # the device holds only analyst.pub
+as recorder record --samples --seal-to "$work/analyst.pub" -d 2 -o "$work/bus.bmsgrec" >/dev/null & recorder=$!
 for _ in $(seq 100); do [[ "$(admin client list)" == *cmd=monitor* ]] && break; sleep 0.05; done
 as control push cmd capture:1 && as control set mode enrol && as control publish SYSTEM_STATUS up >/dev/null || exit 1
 [ "$(as capture pop cmd)" = capture:1 ]
@@ -55,7 +56,7 @@ wait "$sender"
 [ "$(as fieldtool len cmd)" = 0 ]
 rc=0; as fieldtool set mode x 2>/dev/null || rc=$?; [ "$rc" = 1 ]
 BMSG_PASSWORD=$(pw capture) "$root/usr/bin/bmsg" -s "$work/redis.sock" --user control ping 2>/dev/null && exit 1
-wait "$recorder" && "$root/usr/bin/bmsg" export "$work/bus.bmsgrec" -o "$work/export" >/dev/null &&
+wait "$recorder" && "$root/usr/bin/bmsg" export --key "$work/analyst.key" "$work/bus.bmsgrec" -o "$work/export" >/dev/null &&
   ls "$work"/export/samples/*.png >/dev/null || exit 1  # the recording holds the sample's pixels
 "$work/control/postrm" purge
 [ -z "$(find "$root/etc/bmsg" -name '*.env' -o -name 'device.acl*')" ]
