@@ -46,7 +46,9 @@ limit=$(admin config get client-output-buffer-limit | tail -1 | cut -d' ' -f2)
 [ "$limit" -gt 0 ] && [ "$(admin config get maxmemory | tail -1)" -gt "$limit" ] || exit 1
 "$root/usr/bin/bmsg" keygen -o "$work/analyst" >/dev/null  # the device holds only analyst.pub
 as recorder record --samples --seal-to "$work/analyst.pub" -d 2 -o "$work/bus.bmsgrec" >/dev/null & recorder=$!
-for _ in $(seq 100); do [[ "$(admin client list)" == *cmd=monitor* ]] && break; sleep 0.05; done
+# And a black box beside it, which writes the window of a status message.
+as recorder record --ring 10 --after 1 --trigger SYSTEM_STATUS=up -d 2 -o "$work/bb.bmsgrec" >/dev/null & blackbox=$!
+for _ in $(seq 100); do [ "$(admin client list | grep -c cmd=monitor)" = 2 ] && break; sleep 0.05; done
 as control push cmd capture:1 && as control set mode enrol && as control publish SYSTEM_STATUS up >/dev/null || exit 1
 [ "$(as capture pop cmd)" = capture:1 ]
 printf 'P5 3 2 255\n\1\2\3\4\5\6' > "$work/sample.pgm"
@@ -58,6 +60,7 @@ rc=0; as fieldtool set mode x 2>/dev/null || rc=$?; [ "$rc" = 1 ]
 BMSG_PASSWORD=$(pw capture) "$root/usr/bin/bmsg" -s "$work/redis.sock" --user control ping 2>/dev/null && exit 1
 wait "$recorder" && "$root/usr/bin/bmsg" export --key "$work/analyst.key" "$work/bus.bmsgrec" -o "$work/export" >/dev/null &&
   ls "$work"/export/samples/*.png >/dev/null || exit 1  # the recording holds the sample's pixels
+wait "$blackbox" && "$root/usr/bin/bmsg" info "$work"/bb-*-SYSTEM_STATUS.bmsgrec | grep -q '^  push *BIO_CMD *1 ' || exit 1
 "$work/control/postrm" purge
 [ -z "$(find "$root/etc/bmsg" -name '*.env' -o -name 'device.acl*')" ]
 echo "bmsg-device: units, tmpfiles and provisioning as a boot makes them; each role does its job on the bus"
