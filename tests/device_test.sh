@@ -11,7 +11,8 @@ trap '[ -z "${server:-}" ] || { kill "$server"; wait "$server"; } 2>/dev/null ||
 for deb in "$work"/debs/*.deb; do dpkg -x "$deb" "$root"; done
 dpkg -e "$work"/debs/bmsg-device_*.deb "$work/control"
 export DPKG_ROOT=$root DPKG_MAINTSCRIPT_PACKAGE=bmsg-device
-export LD_LIBRARY_PATH=$(dirname "$(find "$root/usr/lib" -name 'libbmsg.so.*' | head -1)")
+libdir=$(dirname "$(find "$root/usr/lib" -name 'libbmsg.so.*' | head -1)")
+export LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"  # and hiredis 1.x where a test run brings it
 "$work/control/postinst" configure
 for u in multi-user.target.wants/bmsg-bus.service timers.target.wants/bmsg-health.timer; do [ -L "$root/etc/systemd/system/$u" ]; done
 [ ! -e "$root/etc/bmsg/device.acl" ]  # no password before the bus's first start
