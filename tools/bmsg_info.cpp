@@ -23,16 +23,6 @@ std::string file_name, directory;
 std::vector<std::string> file_names;  // in order; file_name is the one at work
 std::string key_file;                 // of sealed recordings
 
-// Width, height and format of a descriptor; false when it is not one.
-bool shape(const std::string& descriptor, unsigned int& width, unsigned int& height,
-           BImage::ImageFormat& format)
-{
-    unsigned long size;
-    return descriptor.size() == BImage::Image::header_size &&
-           BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(descriptor.data()),
-                                             width, height, size, format);
-}
-
 std::string local_time(int64_t us)
 {
     return recording::time_text(us, "%Y-%m-%d %H:%M:%S");
@@ -65,11 +55,10 @@ int info_file()
             last = e.time_us;
             if (e.kind != "sample")
                 return true;
-            unsigned int width, height;
-            BImage::ImageFormat format;
-            Shapes& s = shapes[e.name + (shape(e.payload, width, height, format)
-                                             ? " " + std::to_string(width) + "x" + std::to_string(height) +
-                                                   " " + picture::format_name(format)
+            recording::Shape shape;
+            Shapes& s = shapes[e.name + (recording::shape_of(e.payload, shape)
+                                             ? " " + std::to_string(shape.width) + "x" + std::to_string(shape.height) +
+                                                   " " + picture::format_name(shape.format)
                                              : " (not a descriptor)")];
             ++s.count;
             s.missed += !e.has_sample || !e.sample.missed.empty();
@@ -297,11 +286,10 @@ int export_recording(const Options&)
                 std::string line = "{\"seq\":" + std::to_string(++n) + ",\"time_us\":" + std::to_string(e.time_us) +
                                    ",\"kind\":" + json(e.kind) + ",\"command\":" + json(e.command) +
                                    ",\"name\":" + json(e.name) + ",\"payload\":" + json(e.payload);
-                unsigned int width, height;
-                BImage::ImageFormat format;
-                if (e.kind == "sample" && shape(e.payload, width, height, format)) {
-                    line += ",\"width\":" + std::to_string(width) + ",\"height\":" + std::to_string(height) +
-                            ",\"format\":" + json(picture::format_name(format));
+                recording::Shape shape;
+                if (e.kind == "sample" && recording::shape_of(e.payload, shape)) {
+                    line += ",\"width\":" + std::to_string(shape.width) + ",\"height\":" +
+                            std::to_string(shape.height) + ",\"format\":" + json(picture::format_name(shape.format));
                     char name[32];
                     snprintf(name, sizeof name, "samples/%06lld-", n);
                     const std::string png = name + file_safe(e.sample.modality) + ".png";
@@ -309,10 +297,9 @@ int export_recording(const Options&)
                         line += ",\"missed\":" + json(e.has_sample ? e.sample.missed : "pixels not recorded");
                         return write_line(line);
                     }
-                    std::vector<unsigned char> pixels(e.sample.pixels.begin(), e.sample.pixels.end());
-                    BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, pixels.data());
                     picture::Picture pic;
-                    if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
+                    if (!picture::from_pixels(e.sample.pixels, static_cast<int>(shape.width),
+                                              static_cast<int>(shape.height), shape.format, pic)) {
                         line += ",\"missed\":\"no picture of this format or size\"";
                     } else if (!export_png(samples.fd, png.substr(png.find('/') + 1), pic, failed)) {
                         failed = directory + "/" + png + ": " + failed;

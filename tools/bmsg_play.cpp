@@ -37,18 +37,13 @@ bool sleep_until(Clock::time_point when)
 
 std::string send_sample(bMSG::Messager& bus, const recording::Event& e)
 {
-    unsigned int width, height;
-    unsigned long size;
-    BImage::ImageFormat format;
-    if (e.payload.size() != BImage::Image::header_size ||
-        !BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(e.payload.data()),
-                                           width, height, size, format) ||
-        size != e.sample.pixels.size())
+    recording::Shape shape;
+    if (!recording::shape_of(e.payload, shape) || shape.size != e.sample.pixels.size())
         return "sample on " + e.name + " does not match its descriptor";
-    BImage::Image image(static_cast<int>(width), static_cast<int>(height), format, nullptr);
-    if (!image.data && size > 0)
-        return "cannot hold a sample of " + std::to_string(size) + " bytes";
-    memcpy(image.data, e.sample.pixels.data(), size);
+    BImage::Image image(static_cast<int>(shape.width), static_cast<int>(shape.height), shape.format, nullptr);
+    if (!image.data && shape.size > 0)
+        return "cannot hold a sample of " + std::to_string(shape.size) + " bytes";
+    memcpy(image.data, e.sample.pixels.data(), shape.size);
     try {
         // Every sample goes with its own size: the library grows the segment
         // for one larger than those before.

@@ -169,9 +169,8 @@ std::string clock_text(int64_t us, bool date)
 struct Item {
     int64_t time_us = 0;
     std::string kind, name, payload;  // payload already shown()
-    std::string shape;                // samples: "40x30 RGB24"
-    unsigned int width = 0, height = 0;
-    BImage::ImageFormat format = BImage::GRAY8;
+    recording::Shape shape;           // samples
+    std::string shape_text;           // samples: "40x30 RGB24"
     std::string missed;               // samples without pixels: why
     bool pixels = false;
 };
@@ -214,14 +213,12 @@ bool read_items(Recording& r, std::vector<Item>& items, std::string& error)
             item.kind = e.kind;
             item.name = e.name;
             item.payload = shown(e.payload);
-            unsigned long size;
             if (e.kind == "sample") {
-                const bool descriptor = e.payload.size() == BImage::Image::header_size &&
-                    BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(e.payload.data()),
-                                                      item.width, item.height, size, item.format);
-                item.shape = descriptor ? std::to_string(item.width) + "x" + std::to_string(item.height) + " " +
-                                              picture::format_name(item.format)
-                                        : "not a descriptor";
+                const bool descriptor = recording::shape_of(e.payload, item.shape);
+                item.shape_text = descriptor ? std::to_string(item.shape.width) + "x" +
+                                                   std::to_string(item.shape.height) + " " +
+                                                   picture::format_name(item.shape.format)
+                                             : "not a descriptor";
                 item.missed = !e.has_sample ? "pixels not recorded"
                               : !descriptor ? "no picture without a descriptor"
                                             : e.sample.missed;
@@ -298,7 +295,7 @@ void write_timeline(FILE* out, const std::vector<Item>& items, const std::vector
                     e.kind.c_str(), missed ? " missed" : "", e.kind == "sample" ? 's' : 'e', i + 1,
                     span.left(e.time_us).c_str(), e.kind.c_str(), shown(e.name).c_str(),
                     static_cast<long long>(e.time_us), span.offset(e.time_us).c_str(),
-                    (e.kind == "sample" ? e.shape + (missed ? ", missed: " + html(e.missed) : "") : e.payload).c_str());
+                    (e.kind == "sample" ? e.shape_text + (missed ? ", missed: " + html(e.missed) : "") : e.payload).c_str());
         }
         fprintf(out, "</div></div>\n");
     }
@@ -341,18 +338,17 @@ bool write_samples(FILE* out, std::vector<Recording>& recordings, std::vector<It
                 any = true;
                 std::string img;
                 if (item.pixels) {
-                    std::vector<unsigned char> pixels(e.sample.pixels.begin(), e.sample.pixels.end());
-                    BImage::Image image(static_cast<int>(item.width), static_cast<int>(item.height), item.format,
-                                        pixels.data());
                     picture::Picture pic;
-                    if (pixels.size() != static_cast<size_t>(image.count()) || !picture::from_image(image, pic)) {
+                    if (!picture::from_pixels(e.sample.pixels, static_cast<int>(item.shape.width),
+                                              static_cast<int>(item.shape.height), item.shape.format, pic)) {
                         item.missed = "no picture of this format or size";
                     } else if (const std::string uri = png_uri(pic, failed); uri.empty()) {
                         return false;
                     } else {
                         img = "<img class=\"sample\" data-event=\"" + std::to_string(i) + "\" data-width=\"" +
-                              std::to_string(item.width) + "\" data-height=\"" + std::to_string(item.height) +
-                              "\" data-format=\"" + picture::format_name(item.format) + "\" alt=\"sample " +
+                              std::to_string(item.shape.width) + "\" data-height=\"" +
+                              std::to_string(item.shape.height) + "\" data-format=\"" +
+                              picture::format_name(item.shape.format) + "\" alt=\"sample " +
                               std::to_string(i) + "\" src=\"" + uri + "\">";
                     }
                 }
@@ -360,7 +356,7 @@ bool write_samples(FILE* out, std::vector<Recording>& recordings, std::vector<It
                     img = "<p class=\"missed\" data-event=\"" + std::to_string(i) + "\">missed: " + html(item.missed) + "</p>";
                 fprintf(out, "<figure id=\"s%zu\">%s<figcaption>%s %s<br>%s %s</figcaption></figure>\n", i,
                         img.c_str(), clock_text(item.time_us, false).c_str(), span.offset(item.time_us).c_str(),
-                        shown(item.name.substr(item.name.find("_SAMPLE_") + 8)).c_str(), html(item.shape).c_str());
+                        shown(item.name.substr(item.name.find("_SAMPLE_") + 8)).c_str(), html(item.shape_text).c_str());
                 return true;
             },
             true, error);
@@ -383,7 +379,7 @@ void write_events(FILE* out, const std::vector<Item>& items, const Span& span)
         fprintf(out, "<tr id=\"e%zu\"><td>%zu</td><td class=\"t\">%s<br><small>%s</small></td><td>%s</td><td>%s</td>"
                      "<td class=\"b\">%s</td></tr>\n",
                 i + 1, i + 1, clock_text(e.time_us, false).c_str(), span.offset(e.time_us).c_str(), e.kind.c_str(),
-                shown(e.name).c_str(), e.kind == "sample" ? html(e.shape).c_str() : e.payload.c_str());
+                shown(e.name).c_str(), e.kind == "sample" ? html(e.shape_text).c_str() : e.payload.c_str());
     }
     fprintf(out, "</table></details>\n");
 }

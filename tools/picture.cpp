@@ -223,6 +223,14 @@ bool from_image(const BImage::Image& image, Picture& out)
     return true;
 }
 
+bool from_pixels(const std::string& pixels, int width, int height, BImage::ImageFormat format, Picture& out)
+{
+    // The record borrows the bytes and from_image() only reads them.
+    const BImage::Image image(width, height, format,
+                              reinterpret_cast<unsigned char*>(const_cast<char*>(pixels.data())));
+    return pixels.size() == static_cast<size_t>(image.count()) && from_image(image, out);
+}
+
 std::string format_name(int format)
 {
     static const char* const names[] = {"GRAY8", "RGB24",  "BGR24", "NV12", "YUYV",

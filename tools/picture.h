@@ -40,6 +40,10 @@ std::unique_ptr<BImage::Image> to_image(const Picture& picture);
 // BGR24/RGBA32/BGRA32). False for an unknown format or missing pixels.
 bool from_image(const BImage::Image& image, Picture& out);
 
+// from_image() of `pixels` as an image of that shape, read where they are.
+// False also when they are not the shape's count() bytes.
+bool from_pixels(const std::string& pixels, int width, int height, BImage::ImageFormat format, Picture& out);
+
 // "GRAY8", "RGB24", ... or "format N".
 std::string format_name(int format);
 

@@ -85,27 +85,22 @@ std::string context(const char* field, int64_t id, const Event& e)
 }
 
 // The descriptor of a sample of this shape (it holds nothing else).
-std::string descriptor(unsigned int width, unsigned int height, unsigned int format)
+std::string descriptor(const Shape& shape)
 {
     unsigned char borrowed = 0;
-    const BImage::Image probe(static_cast<int>(width), static_cast<int>(height),
-                              static_cast<BImage::ImageFormat>(format), &borrowed);
+    const BImage::Image probe(static_cast<int>(shape.width), static_cast<int>(shape.height), shape.format,
+                              &borrowed);
     return std::string(reinterpret_cast<const char*>(probe.format_header()), BImage::Image::header_size);
 }
 
-bool shape_of(const std::string& payload, unsigned int shape[3])
-{
-    unsigned long size;
-    BImage::ImageFormat format;
-    if (payload.size() != BImage::Image::header_size ||
-        !BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(payload.data()), shape[0],
-                                           shape[1], size, format))
-        return false;
-    shape[2] = static_cast<unsigned int>(format);
-    return true;
-}
-
 } // namespace
+
+bool shape_of(const std::string& payload, Shape& shape)
+{
+    return payload.size() == BImage::Image::header_size &&
+           BImage::Image::parse_image_header(reinterpret_cast<const unsigned char*>(payload.data()), shape.width,
+                                             shape.height, shape.size, shape.format);
+}
 
 std::unique_ptr<File> File::create(const std::string& path, std::string& error, const sealing::PublicKey* seal_to)
 {
@@ -251,11 +246,12 @@ bool File::write(const std::vector<Event>& events, std::string& error)
         else
             sqlite3_bind_null(event.s, 6);
         ok = event.step_done();
-        unsigned int dimensions[3];
+        Shape dimensions;
         if (ok && key_ && e.kind == "sample" && shape_of(e.payload, dimensions)) {
             sqlite3_bind_int64(shape->s, 1, id);
-            for (int d = 0; d < 3; ++d)
-                sqlite3_bind_int64(shape->s, d + 2, dimensions[d]);
+            sqlite3_bind_int64(shape->s, 2, dimensions.width);
+            sqlite3_bind_int64(shape->s, 3, dimensions.height);
+            sqlite3_bind_int64(shape->s, 4, dimensions.format);
             ok = shape->step_done();
         }
         if (!ok || !e.has_sample)
@@ -339,11 +335,15 @@ bool File::each(const std::function<bool(const Event&)>& fn, bool pixels, std::s
         e.sample.modality = s.column(6);
         e.sample.pixels = s.column(7);
         e.sample.missed = s.column(8);
-        unsigned int shape[3] = {};
-        for (int d = 0; d < 3 && sealed_; ++d)
-            shape[d] = static_cast<unsigned int>(sqlite3_column_int64(s.s, 11 + d));
-        if (sealed_ && !unseal(e, sqlite3_column_int64(s.s, 9), number, pixels,
-                               sqlite3_column_type(s.s, 10) != SQLITE_NULL, shape, error))
+        // A sealed sample's shape, kept clear beside its sealed descriptor.
+        Shape shape;
+        const bool shaped = sealed_ && sqlite3_column_type(s.s, 10) != SQLITE_NULL;
+        if (shaped) {
+            shape.width = static_cast<unsigned int>(sqlite3_column_int64(s.s, 11));
+            shape.height = static_cast<unsigned int>(sqlite3_column_int64(s.s, 12));
+            shape.format = static_cast<BImage::ImageFormat>(sqlite3_column_int64(s.s, 13));
+        }
+        if (sealed_ && !unseal(e, sqlite3_column_int64(s.s, 9), number, pixels, shaped ? &shape : nullptr, error))
             return false;
         if (!fn(e))
             return true;
@@ -355,10 +355,9 @@ bool File::each(const std::function<bool(const Event&)>& fn, bool pixels, std::s
     return true;
 }
 
-bool File::unseal(Event& e, int64_t id, int64_t number, bool pixels, bool shaped, const unsigned int shape[3],
-                  std::string& error) const
+bool File::unseal(Event& e, int64_t id, int64_t number, bool pixels, const Shape* shape, std::string& error) const
 {
-    const std::string clear_shape = shaped ? descriptor(shape[0], shape[1], shape[2]) : "";
+    const std::string clear_shape = shape ? descriptor(*shape) : "";
     const std::string at = "event " + std::to_string(number) + ": ";
     // Ids run 1, 2, ...: a removed or reordered event is seen without the
     // key too.
@@ -378,8 +377,8 @@ bool File::unseal(Event& e, int64_t id, int64_t number, bool pixels, bool shaped
         return false;
     }
     e.payload.swap(clear);
-    unsigned int dimensions[3];
-    if (clear_shape != (e.kind == "sample" && shape_of(e.payload, dimensions) ? e.payload : "")) {
+    Shape opened;
+    if (clear_shape != (e.kind == "sample" && shape_of(e.payload, opened) ? e.payload : "")) {
         error = at + "its sample's shape was changed";
         return false;
     }

@@ -3,6 +3,7 @@
 #ifndef BMSG_TOOLS_RECORDING_H
 #define BMSG_TOOLS_RECORDING_H
 
+#include "bimage.h"
 #include "sealing.h"
 
 #include <cstdint>
@@ -44,6 +45,17 @@ struct Event {
 // list when it has a sample), a PUBLISH or a SET (key and value); else what
 // it is instead, on one line. `bmsg play` sends nothing else.
 std::string unrecordable(const Event& e);
+
+// What a sample descriptor says of its image: width, height, format and
+// the pixels' size in bytes.
+struct Shape {
+    unsigned int width = 0, height = 0;
+    BImage::ImageFormat format = BImage::GRAY8;
+    unsigned long size = 0;
+};
+
+// False when `payload` is not a sample descriptor.
+bool shape_of(const std::string& payload, Shape& shape);
 
 // A recorded time (microseconds since 1970) as strftime's `format` writes
 // it, in local time or in UTC.
@@ -87,8 +99,7 @@ public:
 private:
     explicit File(sqlite3* db) : db_(db) {}
     bool exec(const char* sql, std::string& error);
-    bool unseal(Event& e, int64_t id, int64_t number, bool pixels, bool shaped, const unsigned int shape[3],
-                std::string& error) const;
+    bool unseal(Event& e, int64_t id, int64_t number, bool pixels, const Shape* shape, std::string& error) const;
     sqlite3* db_;
     bool sealed_ = false;
     std::unique_ptr<sealing::RecordingKey> key_;  // null: not sealed, or locked

@@ -1,4 +1,5 @@
 #include "sealing.h"
+#include "bmsg_tool.h"
 
 #include <fcntl.h>
 #include <sodium.h>
@@ -23,16 +24,6 @@ constexpr size_t sealed_size = key_size + crypto_box_SEALBYTES;
 static_assert(crypto_box_PUBLICKEYBYTES == key_size && crypto_box_SECRETKEYBYTES == key_size &&
               crypto_aead_xchacha20poly1305_ietf_KEYBYTES == key_size);
 
-struct File {
-    int fd;
-    explicit File(int f) : fd(f) {}
-    ~File()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
 bool write_all(int fd, const char* p, size_t n)
 {
     while (n > 0) {
@@ -52,7 +43,7 @@ bool write_all(int fd, const char* p, size_t n)
 bool write_key(const std::string& path, mode_t mode, const char* header, const unsigned char* key,
                std::string& error)
 {
-    const File f(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    const bmsg_tool::Fd f(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
     Secret text(text_max);
     char* b64 = reinterpret_cast<char*>(text.data());
     sodium_bin2base64(b64, text_max - 1, key, key_size, variant);
@@ -69,7 +60,7 @@ bool write_key(const std::string& path, mode_t mode, const char* header, const u
 // The key in the file at `path`, whose first line must be `header`.
 bool read_key(const std::string& path, const char* header, bool secret, unsigned char* key, std::string& error)
 {
-    const File f(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const bmsg_tool::Fd f(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st;
     if (f.fd < 0 || fstat(f.fd, &st) != 0) {
         error = path + ": " + strerror(errno);
